@@ -1,6 +1,7 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <ctime>
@@ -16,13 +17,15 @@ constexpr long kRecheckNs = 50L * 1000 * 1000;
 pthread_mutex_t exit_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t exit_condition = PTHREAD_COND_INITIALIZER;
 // Raised before every wake-up, so a waiter that was not waiting yet (or a
-// wake-up that got lost) still sees the request.
-volatile std::sig_atomic_t exit_requested = 0;
+// wake-up that got lost) still sees the request. Lock-free, so the signal
+// handler may set it; atomic, because other threads read it.
+std::atomic<int> exit_requested{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 
 // pthread condition calls are not async-signal-safe: the handler only raises
 // the flag, and the waiter re-checks it at a short interval.
 void exit_signal_handler(int, siginfo_t*, void*) {
-    exit_requested = 1;
+    exit_requested.store(1);
 }
 
 }  // namespace
@@ -36,7 +39,7 @@ int osal_exit_init() {
         osal_detail::report(kSource, 95);
         return -1;
     }
-    exit_requested = 0;
+    exit_requested.store(0);
     struct sigaction action {};
     action.sa_sigaction = exit_signal_handler;
     sigemptyset(&action.sa_mask);
@@ -54,14 +57,14 @@ int osal_exit_init() {
 
 void osal_signal_exit() {
     pthread_mutex_lock(&exit_mutex);
-    exit_requested = 1;
+    exit_requested.store(1);
     pthread_cond_broadcast(&exit_condition);
     pthread_mutex_unlock(&exit_mutex);
 }
 
 void osal_wait_for_exit() {
     pthread_mutex_lock(&exit_mutex);
-    while (exit_requested == 0) {
+    while (exit_requested.load() == 0) {
         timespec until{};
         clock_gettime(CLOCK_REALTIME, &until);
         until.tv_nsec += kRecheckNs;

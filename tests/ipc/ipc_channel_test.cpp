@@ -6,8 +6,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstddef>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 #include <thread>
@@ -275,6 +280,62 @@ TEST(ChannelThreads, ConcurrentSendersLoseNothingAndKeepTheirOrder) {
     b.join();
     EXPECT_EQ(next_a, kPerSender);
     EXPECT_EQ(next_b, kPerSender);
+    EXPECT_EQ(conn.remove(&conn), 0);
+}
+
+}  // namespace
+
+namespace {
+
+IpcChannel* farewell_channel = nullptr;
+std::atomic<int> farewells{0};
+
+// What the client's SIGINT handler does: one more send on the same channel.
+// A failed send sets errno, so the handler keeps the interrupted code's.
+void send_farewell(int) {
+    const int saved = errno;
+    (void)farewell_channel->send(farewell_channel, "farewell", 99, 0);
+    farewells.fetch_add(1);
+    errno = saved;
+}
+
+// A signal that lands while its thread is inside a send must not deadlock
+// on the channel lock that the interrupted send holds.
+TEST(ChannelThreads, SendFromASignalHandlerInterruptingASendCompletes) {
+    IpcChannel conn = cli_connector_channel;
+    IpcChannel client = cli_client_channel;
+    ASSERT_EQ(conn.open(&conn, 'c'), 0);
+    ASSERT_EQ(client.open(&client, 'u'), 0);
+    farewell_channel = &client;
+    farewells = 0;
+    struct sigaction action {};
+    action.sa_handler = send_farewell;
+    sigemptyset(&action.sa_mask);
+    ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        for (int i = 0; i < 20000; ++i) {
+            (void)client.send(&client, "busy", 11, 0);
+            if (i % 64 == 0) (void)conn.flush(&conn, 0);
+        }
+        done = true;
+    });
+    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    int signals = 0;
+    while (!done.load()) {
+        if (std::chrono::steady_clock::now() > give_up) {
+            ADD_FAILURE() << "sender stuck after " << signals << " signals";
+            std::fflush(nullptr);
+            std::_Exit(1);  // the stuck thread cannot be joined
+        }
+        pthread_kill(sender.native_handle(), SIGUSR1);
+        ++signals;
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    sender.join();
+    signal(SIGUSR1, SIG_DFL);
+    EXPECT_GT(farewells.load(), 0);
     EXPECT_EQ(conn.remove(&conn), 0);
 }
 
