@@ -23,18 +23,14 @@
 
 namespace {
 
-// The queue record as peers built elsewhere lay it out.
-static_assert(IPC_PAYLOAD_LEN == 516);
-static_assert(offsetof(IpcMessage, type) == 0);
-static_assert(offsetof(IpcMessage, word) == sizeof(long));
-static_assert(offsetof(IpcMessage, text) == sizeof(long) + 4);
-static_assert(sizeof(IpcMessage) ==
-              (sizeof(long) + 4 + 512 + alignof(long) - 1) / alignof(long) * alignof(long));
-
-TEST(IpcMessageLayout, PayloadIsWordPlusTextAfterTheType) {
-    EXPECT_EQ(sizeof(IpcMessage) - offsetof(IpcMessage, word) >= IPC_PAYLOAD_LEN, true);
-    EXPECT_EQ(offsetof(IpcMessage, text) + IPC_TEXT_LEN - offsetof(IpcMessage, word),
-              IPC_PAYLOAD_LEN);
+// The queue record as peers built elsewhere lay it out: the type, then the
+// 516-byte payload (word and text) that every queue call is given.
+TEST(IpcMessageLayout, TypeThenWordThenText) {
+    EXPECT_EQ(IPC_PAYLOAD_LEN, 516u);
+    EXPECT_EQ(offsetof(IpcMessage, word), sizeof(long));
+    EXPECT_EQ(offsetof(IpcMessage, text), sizeof(long) + 4);
+    const std::size_t unpadded = sizeof(long) + 4 + 512;
+    EXPECT_EQ(sizeof(IpcMessage), (unpadded + alignof(long) - 1) / alignof(long) * alignof(long));
 }
 
 long queued_messages(int id) {
