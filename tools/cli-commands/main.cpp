@@ -81,8 +81,12 @@ std::string code(std::string_view text) {
     while (text.find(fence) != std::string_view::npos) fence += '`';
     const bool pad = !text.empty() && (text.front() == '`' || text.back() == '`' ||
                                        text.front() == ' ' || text.back() == ' ');
-    std::string body = pad ? " " + std::string(text) + " " : std::string(text);
-    return fence + cell(body) + fence;
+    std::string out = fence;
+    if (pad) out += ' ';
+    out += cell(text);
+    if (pad) out += ' ';
+    out += fence;
+    return out;
 }
 
 // "\"syntax\" - description" split into its two parts; texts that do not
