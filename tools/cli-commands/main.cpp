@@ -1,0 +1,198 @@
+// Lists the command table.
+//
+//   cli-commands                     one tab-separated line per row: row,
+//                                    category, handler, expression, help
+//   cli-commands --markdown          the command reference in Markdown
+//   cli-commands --markdown --output FILE
+//                                    writes the reference to FILE
+//   cli-commands --markdown --check FILE
+//                                    exit status 1 when FILE differs from
+//                                    the reference the table gives now
+#include <cstdio>
+#include <fstream>
+#include <iostream>
+#include <iterator>
+#include <sstream>
+#include <string>
+#include <string_view>
+
+#include "GPP/RegexParser/regexparser.hpp"
+
+namespace {
+
+struct topic {
+    int category;
+    const char* title;
+    const char* who;
+};
+
+// In the order help lists them, then the rows help never lists.
+constexpr topic topics[] = {
+    {1, "sys", "everyone"},
+    {2, "audio", "everyone"},
+    {3, "call", "everyone"},
+    {4, "net", "everyone"},
+    {5, "bt", "everyone"},
+    {6, "bm64", "everyone"},
+    {7, "ble", "everyone"},
+    {8, "cam", "everyone"},
+    {9, "voip", "everyone"},
+    {0, "hidden", "root only"},
+    {10, "not listed by help", "everyone"},
+    {11, "not listed by help", "root only"},
+};
+
+const char* name_of(command_handler handler) {
+    const char* name = command_handler_name(handler);
+    return name != nullptr ? name : "?";
+}
+
+void print_rows(std::ostream& out) {
+    for (int row = 0; command_table[row].handler != nullptr; ++row) {
+        const command_entry& entry = command_table[row];
+        out << row << '\t' << entry.category << '\t' << name_of(entry.handler) << '\t'
+            << entry.regex << '\t' << entry.help << '\n';
+    }
+}
+
+// Inside a table cell a '|' ends the cell, even within a code span.
+std::string cell(std::string_view text) {
+    std::string out;
+    for (char c : text) {
+        if (c == '|') out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+// Plain text in a cell: Markdown punctuation shown as itself.
+std::string text(std::string_view plain) {
+    std::string out;
+    for (char c : plain) {
+        if (std::string_view("\\`*_<>[]|").find(c) != std::string_view::npos) out += '\\';
+        out += c;
+    }
+    return out;
+}
+
+// Backtick fence long enough for the text, padded when the text touches it.
+std::string code(std::string_view text) {
+    std::string fence = "`";
+    while (text.find(fence) != std::string_view::npos) fence += '`';
+    const bool pad = !text.empty() && (text.front() == '`' || text.back() == '`' ||
+                                       text.front() == ' ' || text.back() == ' ');
+    std::string out = fence;
+    if (pad) out += ' ';
+    out += cell(text);
+    if (pad) out += ' ';
+    out += fence;
+    return out;
+}
+
+// "\"syntax\" - description" split into its two parts; texts that do not
+// follow the pattern are shown whole as the description.
+void split_help(std::string_view help, std::string_view& syntax, std::string_view& description) {
+    syntax = {};
+    description = help;
+    if (help.empty() || help.front() != '"') return;
+    const auto close = help.find('"', 1);
+    if (close == std::string_view::npos) return;
+    syntax = help.substr(1, close - 1);
+    description = help.substr(close + 1);
+    if (description.starts_with(" - ")) description.remove_prefix(3);
+}
+
+void print_markdown(std::ostream& out) {
+    int rows = 0;
+    while (command_table[rows].handler != nullptr) ++rows;
+
+    out << "# Console commands\n\n"
+        << "Generated from the command table by `cli-commands --markdown` (build target\n"
+        << "`commands_doc`); do not edit by hand.\n\n"
+        << "The table has " << rows << " rows. A line is checked against the rows in table\n"
+        << "order and the first matching row wins. Expressions are POSIX extended regular\n"
+        << "expressions; one without a closing `$` is a prefix whose handler reads the rest\n"
+        << "of the line. Values that may hold blanks are written as one double-quoted group.\n";
+
+    for (const topic& t : topics) {
+        out << "\n## Category " << t.category << ": " << t.title << " (" << t.who << ")\n\n";
+        int count = 0;
+        std::ostringstream body;
+        for (int row = 0; row < rows; ++row) {
+            const command_entry& entry = command_table[row];
+            if (entry.category != t.category) continue;
+            ++count;
+            std::string_view syntax;
+            std::string_view description;
+            split_help(entry.help != nullptr ? entry.help : "", syntax, description);
+            body << "| " << row << " | " << code(syntax) << " | " << text(description) << " | "
+                 << code(name_of(entry.handler)) << " | " << code(entry.regex) << " |\n";
+        }
+        if (count == 0) {
+            out << "No commands.\n";
+            continue;
+        }
+        out << count << (count == 1 ? " row.\n\n" : " rows.\n\n")
+            << "| Row | Command | Description | Handler | Expression |\n"
+            << "|---:|---|---|---|---|\n"
+            << body.str();
+    }
+}
+
+int usage() {
+    std::cerr << "usage: cli-commands [--markdown [--output FILE | --check FILE]]\n";
+    return 2;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    bool markdown = false;
+    std::string output;
+    std::string check;
+    for (int i = 1; i < argc; ++i) {
+        const std::string_view arg = argv[i];
+        if (arg == "--markdown") {
+            markdown = true;
+        } else if ((arg == "--output" || arg == "--check") && i + 1 < argc) {
+            (arg == "--output" ? output : check) = argv[++i];
+        } else {
+            return usage();
+        }
+    }
+    if (!markdown) {
+        if (!output.empty() || !check.empty()) return usage();
+        print_rows(std::cout);
+        return std::cout.good() ? 0 : 1;
+    }
+    if (!output.empty() && !check.empty()) return usage();
+
+    std::ostringstream text;
+    print_markdown(text);
+    if (!check.empty()) {
+        std::ifstream in(check, std::ios::binary);
+        if (!in) {
+            std::cerr << "cli-commands: cannot read " << check << '\n';
+            return 1;
+        }
+        const std::string current{std::istreambuf_iterator<char>(in), {}};
+        if (current != text.str()) {
+            std::cerr << "cli-commands: " << check
+                      << " is out of date; rebuild it with the commands_doc target\n";
+            return 1;
+        }
+        return 0;
+    }
+    if (!output.empty()) {
+        std::ofstream out(output, std::ios::binary | std::ios::trunc);
+        out << text.str();
+        out.close();
+        if (!out) {
+            std::cerr << "cli-commands: cannot write " << output << '\n';
+            return 1;
+        }
+        return 0;
+    }
+    std::cout << text.str();
+    return std::cout.good() ? 0 : 1;
+}
