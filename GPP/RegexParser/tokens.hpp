@@ -21,9 +21,10 @@ struct TokenList {
     ~TokenList();
 
     bool has(std::size_t i) const noexcept { return i < kTokenSlots && slots[i].has_value(); }
-    // The token, or the empty text when the slot is empty.
+    // The token, or the empty text when the slot is empty (never a null view:
+    // it may be copied with memcpy).
     std::string_view at(std::size_t i) const noexcept {
-        return has(i) ? std::string_view(*slots[i]) : std::string_view{};
+        return has(i) ? std::string_view(*slots[i]) : std::string_view("");
     }
     std::size_t count() const noexcept;
 };
