@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
@@ -23,7 +24,7 @@ namespace grammar_test {
 class FakeCmdline {
   public:
     explicit FakeCmdline(std::string_view contents)
-        : path_(testing::TempDir() + "grammar_cmdline_" +
+        : path_(testing::TempDir() + "grammar_cmdline_" + std::to_string(getpid()) + "_" +
                 testing::UnitTest::GetInstance()->current_test_info()->name()) {
         std::ofstream(path_, std::ios::binary | std::ios::trunc) << contents;
         setenv(kPlatformCmdlineEnv, path_.c_str(), 1);
