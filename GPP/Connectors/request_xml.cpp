@@ -39,7 +39,9 @@ constexpr std::size_t kChildOffset = 1;
 
 void add_value(XmlNode* root, const char* name, const char* text) {
     XmlNode* p = xml_add_child(root, "p", kChildOffset);
-    if (p == nullptr) return;
+    if (p == nullptr) {
+        return;
+    }
     xml_set_attr(p, "name", name);
     xml_set_text(p, text);
 }
@@ -49,21 +51,28 @@ void add_value(XmlNode* root, const char* name, const char* text) {
 int generate_xml_request(const RequestRecord& record, std::span<char> out) {
     const RequestTexts texts(record);
     const XmlDocumentPtr doc(xml_new("request"));
-    if (!doc) return 0;
+    if (!doc) {
+        return 0;
+    }
     XmlNode* root = doc.get();
 
     if (XmlNode* action = xml_add_child(root, "action", kChildOffset)) {
         xml_set_text(action, texts.action.c_str());
-        if (!texts.property.empty()) xml_set_attr(action, "property", texts.property.c_str());
-        if (!texts.target.empty()) xml_set_attr(action, "target", texts.target.c_str());
+        if (!texts.property.empty()) {
+            xml_set_attr(action, "property", texts.property.c_str());
+        }
+        if (!texts.target.empty()) {
+            xml_set_attr(action, "target", texts.target.c_str());
+        }
     }
 
     if (record.value_mode == REQUEST_MODE_SINGLE) {
         add_value(root, "default", texts.single.c_str());
     } else if (record.value_mode == REQUEST_MODE_LIST) {
         for (std::size_t i = 0; i < RECORD_SLOT_COUNT; ++i) {
-            if (!texts.names[i].empty())
+            if (!texts.names[i].empty()) {
                 add_value(root, texts.names[i].c_str(), texts.values[i].c_str());
+            }
         }
     }
 
@@ -72,7 +81,9 @@ int generate_xml_request(const RequestRecord& record, std::span<char> out) {
     tx::copy_bounded(out, "");
     if (rendered) {
         const std::size_t len = std::strlen(rendered.get());
-        if (len < out.size()) tx::copy_bounded(out, {rendered.get(), len});
+        if (len < out.size()) {
+            tx::copy_bounded(out, {rendered.get(), len});
+        }
     }
     return 0;
 }

@@ -39,7 +39,9 @@ void set_text(std::span<char> field, std::string_view text) {
 }
 
 void set_property_of(RequestRecord& r, std::string_view name) {
-    if (const char* key = property_key_for_name(name)) set_text(r.property, key);
+    if (const char* key = property_key_for_name(name)) {
+        set_text(r.property, key);
+    }
 }
 
 void set_single(RequestRecord& r, std::string_view value) {
@@ -63,7 +65,9 @@ void print_voip_refusal() {
 // The per-id gate: on a device without VoIP, ids naming VoIP lines are refused
 // and the action emptied. True when the handler must stop.
 bool refused_voip_id(RequestRecord& r, std::string_view id) {
-    if (!has_voip_id(id, kVoipIds) || tx::grammar::voip_capable() != 0) return false;
+    if (!has_voip_id(id, kVoipIds) || tx::grammar::voip_capable() != 0) {
+        return false;
+    }
     print_voip_refusal();
     r.action[0] = '\0';
     return true;
@@ -71,7 +75,9 @@ bool refused_voip_id(RequestRecord& r, std::string_view id) {
 
 // The whole-command gate of VoIP settings.
 bool refused_voip_command() {
-    if (tx::grammar::voip_capable() != 0) return false;
+    if (tx::grammar::voip_capable() != 0) {
+        return false;
+    }
     print_voip_refusal();
     return true;
 }
@@ -108,7 +114,9 @@ constexpr std::array<CameraStep, 3> kIncrements = {{
 
 void fill_camera_step(const char* line, std::size_t length, RequestRecord* record,
                       const char* action, std::span<const CameraStep> steps) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, action);
@@ -126,7 +134,9 @@ void fill_camera_step(const char* line, std::size_t length, RequestRecord* recor
 }  // namespace
 
 void handle_get(const char* line, std::size_t length, RequestRecord* record, const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_get(*record, t);
@@ -134,14 +144,18 @@ void handle_get(const char* line, std::size_t length, RequestRecord* record, con
 
 void handle_get_voip(const char* line, std::size_t length, RequestRecord* record,
                      const command_entry*) {
-    if (record == nullptr || refused_voip_command()) return;
+    if (record == nullptr || refused_voip_command()) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_get(*record, t);
 }
 
 void handle_set(const char* line, std::size_t length, RequestRecord* record, const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_set(*record, t);
@@ -149,7 +163,9 @@ void handle_set(const char* line, std::size_t length, RequestRecord* record, con
 
 void handle_set_voip(const char* line, std::size_t length, RequestRecord* record,
                      const command_entry*) {
-    if (record == nullptr || refused_voip_command()) return;
+    if (record == nullptr || refused_voip_command()) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_set(*record, t);
@@ -157,7 +173,9 @@ void handle_set_voip(const char* line, std::size_t length, RequestRecord* record
 
 void handle_set_plain(const char* line, std::size_t length, RequestRecord* record,
                       const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     tx::grammar::split_plain_tokens(line_text(line, length), t);
     fill_set(*record, t);
@@ -165,7 +183,9 @@ void handle_set_plain(const char* line, std::size_t length, RequestRecord* recor
 
 void handle_set_as_report(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_set(*record, t);
@@ -175,7 +195,9 @@ void handle_set_as_report(const char* line, std::size_t length, RequestRecord* r
 
 void handle_set_multi(const char* line, std::size_t length, RequestRecord* record,
                       const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
@@ -183,7 +205,9 @@ void handle_set_multi(const char* line, std::size_t length, RequestRecord* recor
 
     auto all_present = [&t](std::size_t first, std::size_t last) {
         for (std::size_t i = first; i <= last; ++i) {
-            if (!t.has(i)) return false;
+            if (!t.has(i)) {
+                return false;
+            }
         }
         return true;
     };
@@ -195,7 +219,9 @@ void handle_set_multi(const char* line, std::size_t length, RequestRecord* recor
         last = 4;
     }
     for (std::size_t i = 2; last != 0 && i <= last; ++i) {
-        if (i > 2) value += ' ';
+        if (i > 2) {
+            value += ' ';
+        }
         value += t.at(i);
     }
     set_single(*record, value);
@@ -203,19 +229,25 @@ void handle_set_multi(const char* line, std::size_t length, RequestRecord* recor
 
 void handle_line_value(const char* line, std::size_t length, RequestRecord* record,
                        const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
     set_property_of(*record, t.at(1));
-    if (refused_voip_id(*record, t.at(2))) return;
+    if (refused_voip_id(*record, t.at(2))) {
+        return;
+    }
     set_text(record->target, t.at(2));
     set_single(*record, t.at(3));
 }
 
 void handle_mic_report(const char* line, std::size_t length, RequestRecord* record,
                        const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
@@ -226,7 +258,9 @@ void handle_mic_report(const char* line, std::size_t length, RequestRecord* reco
 
 void handle_mic_get(const char* line, std::size_t length, RequestRecord* record,
                     const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_get(*record, t);
@@ -241,17 +275,23 @@ void handle_mic_get(const char* line, std::size_t length, RequestRecord* record,
 
 void handle_line_get(const char* line, std::size_t length, RequestRecord* record,
                      const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_get(*record, t);
-    if (refused_voip_id(*record, t.at(2))) return;
+    if (refused_voip_id(*record, t.at(2))) {
+        return;
+    }
     set_text(record->target, t.at(2));
 }
 
 void handle_reset_setting(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     fill_get(*record, t);
@@ -260,52 +300,70 @@ void handle_reset_setting(const char* line, std::size_t length, RequestRecord* r
 
 void handle_call_info_report(const char* line, std::size_t length, RequestRecord* record,
                              const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
     set_property_of(*record, t.at(1));
-    if (refused_voip_id(*record, t.at(2))) return;
+    if (refused_voip_id(*record, t.at(2))) {
+        return;
+    }
     set_text(record->target, t.at(2));
     record->value_mode = REQUEST_MODE_LIST;
     static constexpr std::array<const char*, 3> kNames = {"call.caller", "call.number",
                                                           "call.status"};
     for (std::size_t i = 0; i < kNames.size(); ++i) {
-        if (t.has(3 + i)) set_slot(*record, i, kNames[i], t.at(3 + i));
+        if (t.has(3 + i)) {
+            set_slot(*record, i, kNames[i], t.at(3 + i));
+        }
     }
 }
 
 void handle_call_action(const char* line, std::size_t length, RequestRecord* record,
                         const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
-    if (refused_voip_id(*record, t.at(1))) return;
+    if (refused_voip_id(*record, t.at(1))) {
+        return;
+    }
     set_text(record->target, t.at(1));
     record->value_mode = REQUEST_MODE_NONE;
 }
 
 void handle_dial(const char* line, std::size_t length, RequestRecord* record,
                  const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
-    if (refused_voip_id(*record, t.at(1))) return;
+    if (refused_voip_id(*record, t.at(1))) {
+        return;
+    }
     set_text(record->target, t.at(1));
     set_single(*record, t.at(2));
 }
 
 void handle_swap(const char* line, std::size_t length, RequestRecord* record,
                  const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
     record->value_mode = REQUEST_MODE_LIST;
     set_slot(*record, 0, "source-call", t.at(1));
-    if (t.has(2)) set_slot(*record, 1, "target-call", t.at(2));
+    if (t.has(2)) {
+        set_slot(*record, 1, "target-call", t.at(2));
+    }
 
     const bool names_voip_call = has_voip_id(t.at(1), kVoipIds) || has_voip_id(t.at(2), kVoipIds);
     if (names_voip_call && tx::grammar::voip_capable() == 0) {
@@ -321,7 +379,9 @@ void handle_transfer(const char* line, std::size_t length, RequestRecord* record
 
 void handle_join(const char* line, std::size_t length, RequestRecord* record,
                  const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
@@ -331,7 +391,9 @@ void handle_join(const char* line, std::size_t length, RequestRecord* record,
     static constexpr std::array<std::string_view, 4> kCalls = {"1", "2", "usb", "bt"};
 
     bool names_voip_call = false;
-    for (std::size_t slot : kIdSlots) names_voip_call |= has_voip_id(t.at(slot), kJoinVoipIds);
+    for (std::size_t slot : kIdSlots) {
+        names_voip_call |= has_voip_id(t.at(slot), kJoinVoipIds);
+    }
     if (names_voip_call && tx::grammar::voip_capable() == 0) {
         print_voip_refusal();
         record->action[0] = '\0';
@@ -340,7 +402,9 @@ void handle_join(const char* line, std::size_t length, RequestRecord* record,
 
     for (std::string_view call : kCalls) {
         std::size_t seen = 0;
-        for (std::size_t slot : kIdSlots) seen += t.has(slot) && t.at(slot) == call ? 1 : 0;
+        for (std::size_t slot : kIdSlots) {
+            seen += t.has(slot) && t.at(slot) == call ? 1 : 0;
+        }
         if (seen > 1) {
             std::puts("command syntax error - duplicate lines");
             record->action[0] = '\0';
@@ -363,18 +427,26 @@ void handle_join(const char* line, std::size_t length, RequestRecord* record,
 
 void handle_source_target(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
     record->value_mode = REQUEST_MODE_LIST;
-    if (t.has(1)) set_slot(*record, 0, "source-call", t.at(1));
-    if (t.has(2)) set_slot(*record, 1, "target-url", t.at(2));
+    if (t.has(1)) {
+        set_slot(*record, 0, "source-call", t.at(1));
+    }
+    if (t.has(2)) {
+        set_slot(*record, 1, "target-url", t.at(2));
+    }
 }
 
 void handle_property_value(const char* line, std::size_t length, RequestRecord* record,
                            const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
@@ -384,7 +456,9 @@ void handle_property_value(const char* line, std::size_t length, RequestRecord* 
 
 void handle_property_only(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
@@ -394,7 +468,9 @@ void handle_property_only(const char* line, std::size_t length, RequestRecord* r
 
 void handle_single_arg(const char* line, std::size_t length, RequestRecord* record,
                        const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
@@ -403,7 +479,9 @@ void handle_single_arg(const char* line, std::size_t length, RequestRecord* reco
 
 void handle_word_only(const char* line, std::size_t length, RequestRecord* record,
                       const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     TokenList t;
     split(line, length, t);
     set_text(record->action, t.at(0));
@@ -411,7 +489,9 @@ void handle_word_only(const char* line, std::size_t length, RequestRecord* recor
 }
 
 void handle_regnotify(const char*, std::size_t, RequestRecord* record, const command_entry*) {
-    if (record == nullptr) return;
+    if (record == nullptr) {
+        return;
+    }
     set_text(record->action, "client_register_notify");
     record->value_mode = REQUEST_MODE_NONE;
 }

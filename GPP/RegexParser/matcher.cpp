@@ -28,7 +28,9 @@ bool ends_help_word(char c) noexcept {
 // word may be.
 std::size_t help_word_length(const char* p) noexcept {
     std::size_t n = 0;
-    while (n <= CommandIndex::kWordMax && !ends_help_word(p[n])) ++n;
+    while (n <= CommandIndex::kWordMax && !ends_help_word(p[n])) {
+        ++n;
+    }
     return n;
 }
 
@@ -51,8 +53,12 @@ constexpr std::int32_t kHiddenCategory = 0;
 
 std::size_t count_rows(const command_entry* table) noexcept {
     std::size_t n = 0;
-    if (table == nullptr) return 0;
-    while (table[n].handler != nullptr) ++n;
+    if (table == nullptr) {
+        return 0;
+    }
+    while (table[n].handler != nullptr) {
+        ++n;
+    }
     return n;
 }
 
@@ -61,15 +67,21 @@ CommandIndex::CommandIndex(const command_entry* table) {
     const std::size_t rows = count_rows(table);
     for (std::size_t row = 0; row < rows; ++row) {
         const char* help = table[row].help;
-        if (help == nullptr || help[0] == '\0') continue;
+        if (help == nullptr || help[0] == '\0') {
+            continue;
+        }
         const char* first = help + 1;  // past the opening double quote
         const std::size_t first_len = help_word_length(first);
-        if (first_len > kWordMax) continue;
+        if (first_len > kWordMax) {
+            continue;
+        }
         const std::string_view first_word(first, first_len);
 
         if (is_two_word_verb(first_word)) {
             const char* second = first + first_len;
-            if (*second != '\0') ++second;  // the single delimiter
+            if (*second != '\0') {
+                ++second;  // the single delimiter
+            }
             const std::size_t second_len = help_word_length(second);
             if (second_len <= kWordMax) {
                 // Two-word keys are appended even when already present.
@@ -82,13 +94,17 @@ CommandIndex::CommandIndex(const command_entry* table) {
                 continue;
             }
         }
-        if (entries_.size() < kCapacity && !contains(first_word)) append(row, first_word);
+        if (entries_.size() < kCapacity && !contains(first_word)) {
+            append(row, first_word);
+        }
     }
 }
 
 bool CommandIndex::contains(std::string_view key) const noexcept {
     for (const Entry& e : entries_) {
-        if (tx::field_view(e.key) == key) return true;
+        if (tx::field_view(e.key) == key) {
+            return true;
+        }
     }
     return false;
 }
@@ -100,31 +116,45 @@ void CommandIndex::append(std::size_t row, std::string_view key) {
 }
 
 int CommandIndex::lookup(const char* line, std::size_t length) const {
-    if (line == nullptr || length == 0) return 0;
+    if (line == nullptr || length == 0) {
+        return 0;
+    }
     const std::string_view text(line, strnlen(line, length));
-    if (text.empty() || text.front() == ' ') return 0;
+    if (text.empty() || text.front() == ' ') {
+        return 0;
+    }
 
     std::size_t n = 0;
     while (n < text.size() && text[n] != ' ') {
-        if (n == kWordMax) return 0;
+        if (n == kWordMax) {
+            return 0;
+        }
         ++n;
     }
     const std::string_view first = text.substr(0, n);
     std::string key(first);
     if (is_two_word_verb(first)) {
         std::size_t start = n;
-        if (start < text.size()) ++start;  // exactly one blank
+        if (start < text.size()) {
+            ++start;  // exactly one blank
+        }
         std::size_t end = start;
-        while (end < text.size() && text[end] != ' ') ++end;
+        while (end < text.size() && text[end] != ' ') {
+            ++end;
+        }
         if (end - start <= kWordMax) {
             key += '_';
             key.append(text.substr(start, end - start));
         }
     }
-    if (key.empty()) return 0;
+    if (key.empty()) {
+        return 0;
+    }
 
     for (std::size_t i = 0; i < entries_.size(); ++i) {
-        if (tx::field_view(entries_[i].key) == key) return static_cast<int>(i);
+        if (tx::field_view(entries_[i].key) == key) {
+            return static_cast<int>(i);
+        }
     }
     return 0;
 }
@@ -138,20 +168,26 @@ struct Matcher::Compiled {
     Compiled(const Compiled&) = delete;
     Compiled& operator=(const Compiled&) = delete;
     ~Compiled() {
-        if (rc == 0) regfree(&re);
+        if (rc == 0) {
+            regfree(&re);
+        }
     }
 };
 
 Matcher::Matcher(const command_entry* table, RegexMode mode)
     : table_(table), rows_(count_rows(table)), mode_(mode), index_(table) {
-    if (mode_ == RegexMode::kept) compiled_ = std::make_unique<Compiled[]>(rows_);
+    if (mode_ == RegexMode::kept) {
+        compiled_ = std::make_unique<Compiled[]>(rows_);
+    }
 }
 
 Matcher::~Matcher() = default;
 
 int Matcher::try_row(std::size_t row, const char* text) const {
     const char* expr = table_[row].regex;
-    if (expr == nullptr) return REG_NOMATCH;
+    if (expr == nullptr) {
+        return REG_NOMATCH;
+    }
 
     if (mode_ == RegexMode::fresh) {
         regex_t re{};
@@ -176,12 +212,18 @@ int Matcher::try_row(std::size_t row, const char* text) const {
 }
 
 int Matcher::match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const {
-    if (record == nullptr) return 0;
+    if (record == nullptr) {
+        return 0;
+    }
     *record = RequestRecord{};
-    if (line == nullptr) return 0;
+    if (line == nullptr) {
+        return 0;
+    }
 
     const int start = index_.lookup(line, length);
-    if (start < 0 || static_cast<std::size_t>(start) >= rows_) return 0;
+    if (start < 0 || static_cast<std::size_t>(start) >= rows_) {
+        return 0;
+    }
 
     // regexec needs a terminated text; the caller's line need not be one.
     const std::string text(line, length);
@@ -192,13 +234,17 @@ int Matcher::match(const char* line, std::size_t length, RequestRecord* record, 
             found = &table_[row];
             break;
         }
-        if (result != REG_NOMATCH && result != -1)
+        if (result != REG_NOMATCH && result != -1) {
             std::perror("Regular expression matching failed!");
+        }
     }
-    if (found == nullptr) return 0;
-
-    if (uid != 0 && (found->category == kHiddenCategory || found->category == kUnlistedCategory))
+    if (found == nullptr) {
         return 0;
+    }
+
+    if (uid != 0 && (found->category == kHiddenCategory || found->category == kUnlistedCategory)) {
+        return 0;
+    }
     found->handler(line, length, record, found);
     return 1;
 }
@@ -221,7 +267,9 @@ void print_help(const command_entry* table, const char* topic_text, uid_t uid) {
     if (!topic.empty()) {
         const TopicRange* range = nullptr;
         for (const TopicRange& t : kTopics) {
-            if (t.topic == topic) range = &t;
+            if (t.topic == topic) {
+                range = &t;
+            }
         }
         if (range == nullptr) {
             print_help_usage();
@@ -233,8 +281,12 @@ void print_help(const command_entry* table, const char* topic_text, uid_t uid) {
 
     for (std::size_t row = 0; row < rows; ++row) {
         const command_entry& e = table[row];
-        if (e.help == nullptr || e.category == kUnlistedCategory) continue;
-        if (e.category >= low && e.category <= high) std::puts(e.help);
+        if (e.help == nullptr || e.category == kUnlistedCategory) {
+            continue;
+        }
+        if (e.category >= low && e.category <= high) {
+            std::puts(e.help);
+        }
     }
     std::putchar('\n');
 }
@@ -253,7 +305,9 @@ void print_help_usage() {
         "\t help sys     prints system commands",
         "\t help voip    prints voip commands",
     };
-    for (const char* line : kUsage) std::puts(line);
+    for (const char* line : kUsage) {
+        std::puts(line);
+    }
 }
 
 }  // namespace tx::grammar

@@ -21,9 +21,13 @@ bool read_cmdline(std::string& text) {
     const char* path =
         override_path != nullptr && override_path[0] != '\0' ? override_path : "/proc/cmdline";
     std::ifstream in(path, std::ios::binary);
-    if (!in) return false;
+    if (!in) {
+        return false;
+    }
     text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-    if (text.size() > kCmdlineMax) text.resize(kCmdlineMax);
+    if (text.size() > kCmdlineMax) {
+        text.resize(kCmdlineMax);
+    }
     return true;
 }
 
@@ -36,23 +40,35 @@ bool is_separator(char c) noexcept {
 int get_os_cmdline_param(const char* name, char* out, std::size_t capacity) {
     const std::span<char> field(out, out != nullptr ? capacity : 0);
     tx::copy_bounded(field, "");
-    if (name == nullptr || name[0] == '\0') return -1;
+    if (name == nullptr || name[0] == '\0') {
+        return -1;
+    }
 
     std::string text;
-    if (!read_cmdline(text)) return -1;
+    if (!read_cmdline(text)) {
+        return -1;
+    }
 
     const std::string_view wanted(name);
     std::size_t pos = 0;
     while (pos < text.size()) {
-        while (pos < text.size() && is_separator(text[pos])) ++pos;
+        while (pos < text.size() && is_separator(text[pos])) {
+            ++pos;
+        }
         std::size_t end = pos;
-        while (end < text.size() && !is_separator(text[end])) ++end;
+        while (end < text.size() && !is_separator(text[end])) {
+            ++end;
+        }
         const std::string_view word(text.data() + pos, end - pos);
         pos = end;
-        if (word.empty()) continue;
+        if (word.empty()) {
+            continue;
+        }
 
         const std::size_t eq = word.find('=');
-        if (word.substr(0, eq) != wanted) continue;
+        if (word.substr(0, eq) != wanted) {
+            continue;
+        }
         tx::copy_bounded(field, eq == std::string_view::npos ? "" : word.substr(eq + 1));
         return 0;
     }
@@ -63,7 +79,9 @@ namespace tx::grammar {
 
 int voip_capable() {
     char value[kVoipCapableLen] = {};
-    if (get_os_cmdline_param("voip_capable", value, sizeof value) != 0) return 0;
+    if (get_os_cmdline_param("voip_capable", value, sizeof value) != 0) {
+        return 0;
+    }
     return std::atoi(value);
 }
 

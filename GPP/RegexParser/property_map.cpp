@@ -283,21 +283,27 @@ const ActionNameMap action_name_map[] = {
 
 const char* property_key_for_name(std::string_view name) {
     for (const PropertyNameMap* row = property_name_map; row->name != nullptr; ++row) {
-        if (name == row->name) return row->key;
+        if (name == row->name) {
+            return row->key;
+        }
     }
     return nullptr;
 }
 
 const char* property_name_for_key(std::string_view key) {
     for (const PropertyNameMap* row = property_name_map; row->key != nullptr; ++row) {
-        if (key == row->key) return row->name;
+        if (key == row->key) {
+            return row->name;
+        }
     }
     return nullptr;
 }
 
 const char* action_name_for_key(std::string_view action) {
     for (const ActionNameMap* row = action_name_map; row->action != nullptr; ++row) {
-        if (action == row->action) return row->display;
+        if (action == row->action) {
+            return row->display;
+        }
     }
     return nullptr;
 }

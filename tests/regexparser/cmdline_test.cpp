@@ -8,7 +8,9 @@ using grammar_test::FakeCmdline;
 std::string param(const char* name, std::size_t capacity = 64, int* result = nullptr) {
     std::string out(capacity, 'z');
     const int rc = get_os_cmdline_param(name, out.data(), capacity);
-    if (result != nullptr) *result = rc;
+    if (result != nullptr) {
+        *result = rc;
+    }
     return capacity != 0 ? std::string(out.c_str()) : std::string();
 }
 

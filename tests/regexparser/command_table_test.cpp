@@ -35,7 +35,9 @@ std::string help(const char* topic, uid_t uid = kRoot) {
 
 std::size_t line_count(const std::string& s) {
     std::size_t n = 0;
-    for (char c : s) n += c == '\n' ? 1 : 0;
+    for (char c : s) {
+        n += c == '\n' ? 1 : 0;
+    }
     return n;
 }
 
@@ -57,7 +59,9 @@ TEST(CommandTable, RowsAndCategories) {
         regex_t re;
         const int rc = regcomp(&re, e.regex, REG_EXTENDED | REG_NEWLINE);
         EXPECT_EQ(rc, 0) << e.regex;
-        if (rc == 0) regfree(&re);
+        if (rc == 0) {
+            regfree(&re);
+        }
     }
     const std::map<int, int> expected = {{0, 91}, {1, 65}, {2, 27},  {3, 16}, {4, 34}, {5, 22},
                                          {6, 28}, {8, 42}, {9, 121}, {10, 6}, {11, 50}};
@@ -120,7 +124,9 @@ TEST(CommandTable, ExpressionsAreTheRangeRule) {
         {"", 0},
     };
     const FakeCmdline cmdline(kVoip);
-    for (const Case& c : cases) EXPECT_EQ(accepts(c.line, kRoot), c.accepted) << c.line;
+    for (const Case& c : cases) {
+        EXPECT_EQ(accepts(c.line, kRoot), c.accepted) << c.line;
+    }
 }
 
 TEST(CommandTable, LookupStartsAtOrBeforeTheCommandsFirstRow) {

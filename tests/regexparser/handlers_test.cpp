@@ -429,8 +429,12 @@ TEST(Handlers, SurviveArbitraryLines) {
     const std::string_view alphabet(kAlphabet, sizeof kAlphabet - 1);
     for (int round = 0; round < 300; ++round) {
         std::string line(rng() % 501, ' ');
-        for (char& c : line) c = alphabet[rng() % alphabet.size()];
-        if (round % 3 == 0) line.insert(0, "set ch ");
+        for (char& c : line) {
+            c = alphabet[rng() % alphabet.size()];
+        }
+        if (round % 3 == 0) {
+            line.insert(0, "set ch ");
+        }
         for (command_handler h : handlers) {
             const auto r = run(h, line).record;
             EXPECT_LT(strnlen(r.action, sizeof r.action), sizeof r.action);

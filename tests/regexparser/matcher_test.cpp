@@ -180,7 +180,9 @@ TEST(MatcherThreads, KeptExpressionsAreSharedSafely) {
             }
         });
     }
-    for (std::thread& t : threads) t.join();
+    for (std::thread& t : threads) {
+        t.join();
+    }
     EXPECT_EQ(accepted, 4 * 200 * 5);
 }
 
@@ -271,9 +273,13 @@ TEST(CommandIndex, MatcherStartsAtTheLookupPosition) {
 TEST(CommandIndex, HoldsAtMostAThousandEntries) {
     // 1100 rows, each with its own key, and a final key that must not fit.
     std::vector<std::string> helps;
-    for (int i = 0; i < 1100; ++i) helps.push_back("\"cmd" + std::to_string(i) + "\" - x.");
+    for (int i = 0; i < 1100; ++i) {
+        helps.push_back("\"cmd" + std::to_string(i) + "\" - x.");
+    }
     std::vector<command_entry> table;
-    for (const std::string& h : helps) table.push_back({"^cmd$", mark_row, h.c_str(), 1});
+    for (const std::string& h : helps) {
+        table.push_back({"^cmd$", mark_row, h.c_str(), 1});
+    }
     table.push_back({nullptr, nullptr, nullptr, 0});
 
     const CommandIndex index(table.data());

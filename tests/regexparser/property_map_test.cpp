@@ -26,7 +26,9 @@ TEST(PropertyMap, ShapeAndNamingRule) {
     // Exactly two keys appear twice.
     std::map<std::string, int> twice;
     for (const auto& [key, n] : seen) {
-        if (n > 1) twice[key] = n;
+        if (n > 1) {
+            twice[key] = n;
+        }
     }
     EXPECT_EQ(twice, (std::map<std::string, int>{{"sys.date-time", 2},
                                                  {"voip.dtmf-rtp-payload-type", 2}}));
@@ -54,10 +56,12 @@ TEST(PropertyMap, LookupsAreExactAndFirstMatch) {
                  "heap.heap-smallest-allocation");
     EXPECT_STREQ(property_name_for_key("cymgr.cypress-version"), "cypress-version");
 
-    for (const char* missing : {"Registrar", "val", "set", "get", "", "mute ", "audio.mute"})
+    for (const char* missing : {"Registrar", "val", "set", "get", "", "mute ", "audio.mute"}) {
         EXPECT_EQ(property_key_for_name(missing), nullptr) << missing;
-    for (const char* missing : {"mute", "Audio.mute", "audio.mute ", ""})
+    }
+    for (const char* missing : {"mute", "Audio.mute", "audio.mute ", ""}) {
         EXPECT_EQ(property_name_for_key(missing), nullptr) << missing;
+    }
     // Lengths count: a name with an embedded terminator is not its prefix.
     EXPECT_EQ(property_key_for_name(std::string_view("mute\0x", 6)), nullptr);
 }

@@ -83,7 +83,9 @@ TEST(RequestXml, DocumentsOfTheCommandFamilies) {
         {handle_reset_setting, "set reset-setting net",
          "<request><action property=\"sys.reset-setting\" target=\"net\">set</action></request>"},
     };
-    for (const Case& c : cases) EXPECT_EQ(document(c.handler, c.line), c.xml) << c.line;
+    for (const Case& c : cases) {
+        EXPECT_EQ(document(c.handler, c.line), c.xml) << c.line;
+    }
 }
 
 TEST(RequestXml, RefusedCommandsStillRenderAnAction) {

@@ -21,9 +21,13 @@ std::vector<std::string> tokens_of(std::string_view line, bool plain = false) {
     std::vector<std::string> out;
     std::size_t last = 0;
     for (std::size_t i = 0; i < tx::grammar::kTokenSlots; ++i) {
-        if (t.has(i)) last = i + 1;
+        if (t.has(i)) {
+            last = i + 1;
+        }
     }
-    for (std::size_t i = 0; i < last; ++i) out.push_back(t.has(i) ? *t.slots[i] : "<none>");
+    for (std::size_t i = 0; i < last; ++i) {
+        out.push_back(t.has(i) ? *t.slots[i] : "<none>");
+    }
     return out;
 }
 
