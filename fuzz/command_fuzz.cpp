@@ -50,7 +50,9 @@ constexpr std::array<command_handler, 26> kHandlers = {
 void render(const RequestRecord& record) {
     std::array<char, kCallerBuffer> out{};
     generate_xml_request(record, out);
-    if (out.back() != '\0') std::abort();
+    if (out.back() != '\0') {
+        std::abort();
+    }
 }
 
 }  // namespace
@@ -63,7 +65,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    if (size > kMaxLine) size = kMaxLine;
+    if (size > kMaxLine) {
+        size = kMaxLine;
+    }
     const std::string line(reinterpret_cast<const char*>(data), size);
     const tx::grammar::Matcher& matcher = tx::grammar::command_matcher();
 

@@ -24,7 +24,7 @@ struct Line {
 // Chosen by the rows that accept them in the table as it stands.
 constexpr Line kLines[] = {
     {"early", "regnotify"},
-    {"middle", "get speaker-volume"},
+    {"middle", "set bt-pin 1234"},
     {"late", "import-config config.xml"},
     {"none", "foo bar"},
 };
@@ -67,7 +67,9 @@ int main(int argc, char** argv) {
                                      match_line, RegexMode::kept, line);
     }
     benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
     const std::string path = "/tmp/matcher_bench_cmdline." + std::to_string(getpid());
