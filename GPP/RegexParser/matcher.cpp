@@ -1,0 +1,313 @@
+// Matching a line against a command table, the key index that shortens the
+// scan, and the help listings.
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "GPP/RegexParser/matcher_detail.hpp"
+#include "OSAL/fixed_text.hpp"
+
+namespace tx::grammar {
+
+namespace {
+
+constexpr int kRegexFlags = REG_EXTENDED | REG_NEWLINE;
+
+bool is_two_word_verb(std::string_view word) noexcept {
+    return word == "get" || word == "set" || word == "report";
+}
+
+// A help text's words end at a blank or a double quote (and, defensively, at
+// the end of the text).
+bool ends_help_word(char c) noexcept {
+    return c == ' ' || c == '"' || c == '\0';
+}
+
+// Length of the help word at p, or kWordMax + 1 when it is longer than a key
+// word may be.
+std::size_t help_word_length(const char* p) noexcept {
+    std::size_t n = 0;
+    while (n <= CommandIndex::kWordMax && !ends_help_word(p[n])) {
+        ++n;
+    }
+    return n;
+}
+
+struct TopicRange {
+    std::string_view topic;
+    int low;
+    int high;
+};
+
+constexpr TopicRange kTopics[] = {
+    {"all", 1, 9},  {"sys", 1, 1}, {"audio", 2, 2}, {"call", 3, 3}, {"net", 4, 4},    {"bt", 5, 5},
+    {"bm64", 6, 6}, {"ble", 7, 7}, {"cam", 8, 8},   {"voip", 9, 9}, {"hidden", 0, 0},
+};
+
+// Settings that help never lists, whatever the range.
+constexpr std::int32_t kUnlistedCategory = 11;
+constexpr std::int32_t kHiddenCategory = 0;
+
+}  // namespace
+
+std::size_t count_rows(const command_entry* table) noexcept {
+    std::size_t n = 0;
+    if (table == nullptr) {
+        return 0;
+    }
+    while (table[n].handler != nullptr) {
+        ++n;
+    }
+    return n;
+}
+
+CommandIndex::CommandIndex(const command_entry* table) {
+    entries_.reserve(kCapacity);
+    const std::size_t rows = count_rows(table);
+    for (std::size_t row = 0; row < rows; ++row) {
+        const char* help = table[row].help;
+        if (help == nullptr || help[0] == '\0') {
+            continue;
+        }
+        const char* first = help + 1;  // past the opening double quote
+        const std::size_t first_len = help_word_length(first);
+        if (first_len > kWordMax) {
+            continue;
+        }
+        const std::string_view first_word(first, first_len);
+
+        if (is_two_word_verb(first_word)) {
+            const char* second = first + first_len;
+            if (*second != '\0') {
+                ++second;  // the single delimiter
+            }
+            const std::size_t second_len = help_word_length(second);
+            if (second_len <= kWordMax) {
+                // Two-word keys are appended even when already present.
+                if (entries_.size() < kCapacity) {
+                    std::string key(first_word);
+                    key += '_';
+                    key.append(second, second_len);
+                    append(row, key);
+                }
+                continue;
+            }
+        }
+        if (entries_.size() < kCapacity && !contains(first_word)) {
+            append(row, first_word);
+        }
+    }
+}
+
+bool CommandIndex::contains(std::string_view key) const noexcept {
+    for (const Entry& e : entries_) {
+        if (tx::field_view(e.key) == key) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void CommandIndex::append(std::size_t row, std::string_view key) {
+    Entry& e = entries_.emplace_back();
+    e.row = static_cast<std::int32_t>(row);
+    tx::copy_bounded(e.key, key);
+}
+
+int CommandIndex::lookup(const char* line, std::size_t length) const {
+    if (line == nullptr || length == 0) {
+        return 0;
+    }
+    const std::string_view text(line, strnlen(line, length));
+    if (text.empty() || text.front() == ' ') {
+        return 0;
+    }
+
+    std::size_t n = 0;
+    while (n < text.size() && text[n] != ' ') {
+        if (n == kWordMax) {
+            return 0;
+        }
+        ++n;
+    }
+    const std::string_view first = text.substr(0, n);
+    std::string key(first);
+    if (is_two_word_verb(first)) {
+        std::size_t start = n;
+        if (start < text.size()) {
+            ++start;  // exactly one blank
+        }
+        std::size_t end = start;
+        while (end < text.size() && text[end] != ' ') {
+            ++end;
+        }
+        if (end - start <= kWordMax) {
+            key += '_';
+            key.append(text.substr(start, end - start));
+        }
+    }
+    if (key.empty()) {
+        return 0;
+    }
+
+    for (std::size_t i = 0; i < entries_.size(); ++i) {
+        if (tx::field_view(entries_[i].key) == key) {
+            return static_cast<int>(i);
+        }
+    }
+    return 0;
+}
+
+struct Matcher::Compiled {
+    std::once_flag once;
+    int rc = -1;
+    regex_t re{};
+
+    Compiled() = default;
+    Compiled(const Compiled&) = delete;
+    Compiled& operator=(const Compiled&) = delete;
+    ~Compiled() {
+        if (rc == 0) {
+            regfree(&re);
+        }
+    }
+};
+
+Matcher::Matcher(const command_entry* table, RegexMode mode)
+    : table_(table), rows_(count_rows(table)), mode_(mode), index_(table) {
+    if (mode_ == RegexMode::kept) {
+        compiled_ = std::make_unique<Compiled[]>(rows_);
+    }
+}
+
+Matcher::~Matcher() = default;
+
+int Matcher::try_row(std::size_t row, const char* text) const {
+    const char* expr = table_[row].regex;
+    if (expr == nullptr) {
+        return REG_NOMATCH;
+    }
+
+    if (mode_ == RegexMode::fresh) {
+        regex_t re{};
+        const int rc = regcomp(&re, expr, kRegexFlags);
+        if (rc != 0) {
+            std::printf("regcomp(%s) at %d returned %d\n", expr, static_cast<int>(row), rc);
+            return -1;
+        }
+        const int result = regexec(&re, text, 0, nullptr, 0);
+        regfree(&re);
+        return result;
+    }
+
+    Compiled& c = compiled_[row];
+    std::call_once(c.once, [&c, expr] { c.rc = regcomp(&c.re, expr, kRegexFlags); });
+    if (c.rc != 0) {
+        // Reported on every try, as if the row were compiled afresh each time.
+        std::printf("regcomp(%s) at %d returned %d\n", expr, static_cast<int>(row), c.rc);
+        return -1;
+    }
+    return regexec(&c.re, text, 0, nullptr, 0);
+}
+
+int Matcher::match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const {
+    if (record == nullptr) {
+        return 0;
+    }
+    *record = RequestRecord{};
+    if (line == nullptr) {
+        return 0;
+    }
+
+    const int start = index_.lookup(line, length);
+    if (start < 0 || static_cast<std::size_t>(start) >= rows_) {
+        return 0;
+    }
+
+    // regexec needs a terminated text; the caller's line need not be one.
+    const std::string text(line, length);
+    const command_entry* found = nullptr;
+    for (std::size_t row = static_cast<std::size_t>(start); row < rows_; ++row) {
+        const int result = try_row(row, text.c_str());
+        if (result == 0) {
+            found = &table_[row];
+            break;
+        }
+        if (result != REG_NOMATCH && result != -1) {
+            std::perror("Regular expression matching failed!");
+        }
+    }
+    if (found == nullptr) {
+        return 0;
+    }
+
+    if (uid != 0 && (found->category == kHiddenCategory || found->category == kUnlistedCategory)) {
+        return 0;
+    }
+    found->handler(line, length, record, found);
+    return 1;
+}
+
+void print_help(const command_entry* table, const char* topic_text, uid_t uid) {
+    const std::size_t rows = count_rows(table);
+    if (uid != 0) {
+        std::puts("command syntax error");
+        return;
+    }
+
+    // The first blank-separated word of the topic text.
+    std::string_view topic = topic_text != nullptr ? std::string_view(topic_text) : "";
+    const std::size_t begin = topic.find_first_not_of(' ');
+    topic = begin == std::string_view::npos ? std::string_view{} : topic.substr(begin);
+    topic = topic.substr(0, topic.find(' '));
+
+    int low = 1;
+    int high = 9;
+    if (!topic.empty()) {
+        const TopicRange* range = nullptr;
+        for (const TopicRange& t : kTopics) {
+            if (t.topic == topic) {
+                range = &t;
+            }
+        }
+        if (range == nullptr) {
+            print_help_usage();
+            return;
+        }
+        low = range->low;
+        high = range->high;
+    }
+
+    for (std::size_t row = 0; row < rows; ++row) {
+        const command_entry& e = table[row];
+        if (e.help == nullptr || e.category == kUnlistedCategory) {
+            continue;
+        }
+        if (e.category >= low && e.category <= high) {
+            std::puts(e.help);
+        }
+    }
+    std::putchar('\n');
+}
+
+void print_help_usage() {
+    static constexpr const char* kUsage[] = {
+        "help usage:",
+        "\t help         prints all commands",
+        "\t help all     prints all commands",
+        "\t help audio   prints audio commands",
+        "\t help bt      prints bt commands",
+        "\t help ble     prints ble commands",
+        "\t help call    prints call commands",
+        "\t help cam     prints camera commands",
+        "\t help net     prints network commands",
+        "\t help sys     prints system commands",
+        "\t help voip    prints voip commands",
+    };
+    for (const char* line : kUsage) {
+        std::puts(line);
+    }
+}
+
+}  // namespace tx::grammar

@@ -1,0 +1,93 @@
+// Internals of the command matcher, open to the tests, the benchmark and the
+// fuzz driver: the key index, the matcher over any table and the help listing.
+// The public functions of regexparser.hpp are thin wrappers over these, bound
+// to command_table and the caller's uid.
+#pragma once
+
+#include <regex.h>
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+#include "GPP/Connectors/request_record.hpp"
+#include "GPP/RegexParser/regexparser.hpp"
+
+namespace tx::grammar {
+
+// Rows up to (not including) the first row whose handler is null.
+std::size_t count_rows(const command_entry* table) noexcept;
+
+// Command keys ("get_mute", "dial") of a table, in row order.
+class CommandIndex {
+  public:
+    static constexpr std::size_t kCapacity = 1000;
+    static constexpr std::size_t kKeyLen = 64;
+    // Longest first or second word a key is made of.
+    static constexpr std::size_t kWordMax = 31;
+
+    struct Entry {
+        std::int32_t row;
+        char key[kKeyLen];
+    };
+
+    explicit CommandIndex(const command_entry* table);
+
+    // The position of the first entry whose key equals the line's key; 0 when
+    // the line has no key or no entry has it.
+    int lookup(const char* line, std::size_t length) const;
+
+    const std::vector<Entry>& entries() const noexcept { return entries_; }
+
+  private:
+    bool contains(std::string_view key) const noexcept;
+    void append(std::size_t row, std::string_view key);
+
+    std::vector<Entry> entries_;
+};
+
+// Whether each tried expression is compiled on the spot and freed again, or
+// compiled once at its first try and kept for the lifetime of the matcher.
+enum class RegexMode { kept, fresh };
+
+// Matches lines against one table. Safe to share between threads.
+class Matcher {
+  public:
+    Matcher(const command_entry* table, RegexMode mode);
+    ~Matcher();
+    Matcher(const Matcher&) = delete;
+    Matcher& operator=(const Matcher&) = delete;
+
+    // 1 when a row accepted the line and its handler filled the record, 0
+    // otherwise. Rows of categories 0 and 11 are for uid 0 only.
+    int match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const;
+
+    int lookup(const char* line, std::size_t length) const { return index_.lookup(line, length); }
+    std::size_t rows() const noexcept { return rows_; }
+
+  private:
+    struct Compiled;
+    // 0 on a match, REG_NOMATCH, or another regexec error; -1 when the row's
+    // expression does not compile (already reported).
+    int try_row(std::size_t row, const char* text) const;
+
+    const command_entry* table_;
+    std::size_t rows_;
+    RegexMode mode_;
+    CommandIndex index_;
+    std::unique_ptr<Compiled[]> compiled_;
+};
+
+// The matcher over command_table used by regexparser_match.
+const Matcher& command_matcher();
+
+// Help for `topic_text` (what followed "help" on the line) as seen by `uid`.
+void print_help(const command_entry* table, const char* topic_text, uid_t uid);
+void print_help_usage();
+
+}  // namespace tx::grammar
