@@ -18,7 +18,7 @@ inline std::size_t copy_bounded(std::span<char> dst, std::string_view src,
                                 std::size_t limit = std::string_view::npos) noexcept {
     if (dst.empty()) return 0;
     const std::size_t n = std::min({src.size(), dst.size() - 1, limit});
-    std::memcpy(dst.data(), src.data(), n);
+    if (n != 0) std::memcpy(dst.data(), src.data(), n);
     dst[n] = '\0';
     return n;
 }

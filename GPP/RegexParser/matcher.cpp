@@ -159,10 +159,43 @@ int CommandIndex::lookup(const char* line, std::size_t length) const {
     return 0;
 }
 
+namespace {
+
+// The literal text every match must begin with: what follows the leading '^'
+// up to the first special character (a character made optional by a
+// quantifier does not count). Rows with a top-level alternative get none.
+std::string literal_prefix(std::string_view expr) {
+    if (expr.empty() || expr.front() != '^') {
+        return {};
+    }
+    int depth = 0;
+    for (const char c : expr) {
+        if (c == '(') ++depth;
+        if (c == ')') --depth;
+        if (c == '|' && depth == 0) return {};
+    }
+    constexpr std::string_view kSpecial = ".[]()*+?{}|\\^$";
+    std::string_view rest = expr.substr(1);
+    std::size_t n = 0;
+    while (n < rest.size() && kSpecial.find(rest[n]) == std::string_view::npos) {
+        ++n;
+    }
+    if (n > 0 && n < rest.size() &&
+        std::string_view("*?{+").find(rest[n]) != std::string_view::npos) {
+        --n;
+    }
+    return std::string(rest.substr(0, n));
+}
+
+}  // namespace
+
 struct Matcher::Compiled {
     std::once_flag once;
     int rc = -1;
     regex_t re{};
+    // Lines that do not begin with this cannot match; checked before regexec
+    // so that a line no row accepts costs a scan of prefixes, not 502 regexecs.
+    std::string prefix;
 
     Compiled() = default;
     Compiled(const Compiled&) = delete;
@@ -183,7 +216,7 @@ Matcher::Matcher(const command_entry* table, RegexMode mode)
 
 Matcher::~Matcher() = default;
 
-int Matcher::try_row(std::size_t row, const char* text) const {
+int Matcher::try_row(std::size_t row, const char* text, bool single_line) const {
     const char* expr = table_[row].regex;
     if (expr == nullptr) {
         return REG_NOMATCH;
@@ -202,11 +235,19 @@ int Matcher::try_row(std::size_t row, const char* text) const {
     }
 
     Compiled& c = compiled_[row];
-    std::call_once(c.once, [&c, expr] { c.rc = regcomp(&c.re, expr, kRegexFlags); });
+    std::call_once(c.once, [&c, expr] {
+        c.rc = regcomp(&c.re, expr, kRegexFlags);
+        c.prefix = literal_prefix(expr);
+    });
     if (c.rc != 0) {
         // Reported on every try, as if the row were compiled afresh each time.
         std::printf("regcomp(%s) at %d returned %d\n", expr, static_cast<int>(row), c.rc);
         return -1;
+    }
+    // With REG_NEWLINE a '^' also matches after an embedded newline, so the
+    // shortcut only holds for single-line texts.
+    if (single_line && std::strncmp(text, c.prefix.c_str(), c.prefix.size()) != 0) {
+        return REG_NOMATCH;
     }
     return regexec(&c.re, text, 0, nullptr, 0);
 }
@@ -228,8 +269,9 @@ int Matcher::match(const char* line, std::size_t length, RequestRecord* record, 
     // regexec needs a terminated text; the caller's line need not be one.
     const std::string text(line, length);
     const command_entry* found = nullptr;
+    const bool single_line = text.find('\n') == std::string::npos;
     for (std::size_t row = static_cast<std::size_t>(start); row < rows_; ++row) {
-        const int result = try_row(row, text.c_str());
+        const int result = try_row(row, text.c_str(), single_line);
         if (result == 0) {
             found = &table_[row];
             break;

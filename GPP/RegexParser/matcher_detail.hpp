@@ -74,7 +74,7 @@ class Matcher {
     struct Compiled;
     // 0 on a match, REG_NOMATCH, or another regexec error; -1 when the row's
     // expression does not compile (already reported).
-    int try_row(std::size_t row, const char* text) const;
+    int try_row(std::size_t row, const char* text, bool single_line) const;
 
     const command_entry* table_;
     std::size_t rows_;
