@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -23,6 +24,19 @@ namespace {
 
 int no_hook(CgiConnector*) {
     return 0;
+}
+
+// The receiver and the registration both write to the core; the pair keeps
+// its out descriptor and its sequence counter in shared fields.
+std::mutex core_write_mutex;
+
+int write_to_core(CgiConnector* connector, const IpcMessage& message) {
+    std::lock_guard lock(core_write_mutex);
+    char sequence[16] = {};
+    std::snprintf(sequence, sizeof sequence, "%d", connector->pair->next_sequence(connector->pair));
+    tx::HeapText envelope = wrap_client_request(message, connector->name, sequence);
+    if (!envelope || envelope.get()[0] == '\0') return -1;
+    return connector->pair->write(connector->pair, envelope.get(), CORE_RECORD_LEN);
 }
 
 constexpr std::size_t NAME_LIMIT = 65;
@@ -67,11 +81,7 @@ CgiConnector cgi_connector = {
 };
 
 int cgi_handle_client_message(CgiConnector* connector, const IpcMessage& message) {
-    char sequence[16] = {};
-    std::snprintf(sequence, sizeof sequence, "%d", connector->pair->next_sequence(connector->pair));
-    tx::HeapText envelope = wrap_client_request(message, connector->name, sequence);
-    if (!envelope || envelope.get()[0] == '\0') return -1;
-    return connector->pair->write(connector->pair, envelope.get(), CORE_RECORD_LEN);
+    return write_to_core(connector, message);
 }
 
 int cgi_register_for_notifications(CgiConnector* connector) {
@@ -81,13 +91,10 @@ int cgi_register_for_notifications(CgiConnector* connector) {
     generate_xml_request(record, std::span<char>(message.text, IPC_TEXT_LEN));
     if (message.text[0] == '\0') return -1;
     message.type = 0;  // not on behalf of any one client
-    char sequence[16] = {};
-    std::snprintf(sequence, sizeof sequence, "%d", connector->pair->next_sequence(connector->pair));
-    tx::HeapText envelope = wrap_client_request(message, connector->name, sequence);
-    if (!envelope || envelope.get()[0] == '\0') return -1;
     // Kept up for as long as the core's pipe can be opened: the core forgets
-    // registrations when it restarts.
-    while (connector->pair->write(connector->pair, envelope.get(), CORE_RECORD_LEN) <= 0) {
+    // registrations when it restarts. Only a failed open (a positive error
+    // number) ends it.
+    while (write_to_core(connector, message) <= 0) {
         usleep(100000);
     }
     return 1;
