@@ -224,15 +224,24 @@ inline std::unique_ptr<Process> start_cgiconn() {
     return p;
 }
 
+// cli's own diagnostics go through stdio, which buffers them fully on a pipe;
+// stdbuf makes them show up when they are printed.
+inline std::vector<std::string> cli_command() {
+    if (access("/usr/bin/stdbuf", X_OK) == 0) return {"/usr/bin/stdbuf", "-o0", bin("cli")};
+    return {bin("cli")};
+}
+
 inline std::unique_ptr<Process> interactive_cli(const std::vector<std::string>& options = {}) {
-    std::vector<std::string> argv{bin("cli")};
+    std::vector<std::string> argv = cli_command();
     argv.insert(argv.end(), options.begin(), options.end());
     return std::make_unique<Process>(argv, true);
 }
 
 // Runs `cli -c"command"` to its end and returns what it printed.
 inline std::string one_shot(const std::string& command) {
-    Process p({bin("cli"), "-c" + command}, true);
+    std::vector<std::string> argv = cli_command();
+    argv.push_back("-c" + command);
+    Process p(argv, true);
     return p.finish();
 }
 

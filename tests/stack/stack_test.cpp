@@ -73,7 +73,7 @@ TEST_F(CliStack, FifthClientIsTurnedAwayUntilSessionsAreReset) {
         clients.back()->type("get mute");
         ASSERT_TRUE(clients.back()->wait_for_output("val mute 0")) << clients.back()->output();
     }
-    Process fifth({bin("cli")}, true);
+    Process fifth(cli_command(), true);
     fifth.type("get mute");
     EXPECT_TRUE(fifth.wait_for_output("terminate_client")) << fifth.output();
     std::this_thread::sleep_for(300ms);
