@@ -242,6 +242,17 @@ inline std::unique_ptr<Process> interactive_cli(const std::vector<std::string>& 
     return std::make_unique<Process>(argv, true);
 }
 
+// A sanitized build reports into the processes' logs; none may hold a report.
+inline std::string sanitizer_reports(const std::string& log_path) {
+    const std::string log = read_file(log_path);
+    for (const char* marker :
+         {"AddressSanitizer", "LeakSanitizer", "ThreadSanitizer", "runtime error:"}) {
+        const auto at = log.find(marker);
+        if (at != std::string::npos) return log.substr(at > 200 ? at - 200 : 0, 2000);
+    }
+    return {};
+}
+
 // Runs `cli -c"command"` to its end and returns what it printed.
 inline std::string one_shot(const std::string& command) {
     std::vector<std::string> argv = cli_command();

@@ -27,6 +27,8 @@ class CliStack : public ::testing::Test {
     void TearDown() override {
         cliconn.reset();
         coresim.reset();
+        EXPECT_EQ(sanitizer_reports("/tmp/cliconn.log"), "");
+        EXPECT_EQ(sanitizer_reports("/tmp/coresim.log"), "");
     }
 };
 
@@ -203,6 +205,8 @@ class CgiStack : public ::testing::Test {
     void TearDown() override {
         cgiconn.reset();
         coresim.reset();
+        EXPECT_EQ(sanitizer_reports("/tmp/cgiconn.log"), "");
+        EXPECT_EQ(sanitizer_reports("/tmp/coresim.log"), "");
     }
 };
 
