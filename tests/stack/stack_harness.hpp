@@ -199,6 +199,8 @@ inline void prepare_environment() {
     setenv("ASAN_OPTIONS",
            (asan.empty() ? "" : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
     signal(SIGPIPE, SIG_IGN);
+    for (const char* log : {"/tmp/coresim.log", "/tmp/cliconn.log", "/tmp/cgiconn.log"})
+        unlink(log);
 }
 
 inline std::unique_ptr<Process> start_coresim() {
