@@ -203,10 +203,11 @@ inline void prepare_environment() {
         unlink(log);
 }
 
-inline std::unique_ptr<Process> start_coresim() {
+inline std::unique_ptr<Process> start_coresim(const std::vector<std::string>& options = {}) {
     unlink("/tmp/coresim.log");
-    auto p = std::make_unique<Process>(std::vector<std::string>{bin("coresim"), "-v"}, false,
-                                       "/tmp/coresim.log");
+    std::vector<std::string> argv{bin("coresim"), "-v"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    auto p = std::make_unique<Process>(argv, false, "/tmp/coresim.log");
     wait_until(
         [] { return read_file("/tmp/coresim.log").find("coresim: ready") != std::string::npos; },
         5000ms);

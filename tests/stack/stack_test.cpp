@@ -126,6 +126,21 @@ TEST_F(CliStack, RestartedConnectorServesNewClientsWhileOldOnesFailCleanly) {
     }
 }
 
+TEST_F(CliStack, DeviceStateSurvivesACoreRestart) {
+    const std::vector<std::string> state{"--state", "/tmp/coresim.state"};
+    coresim.reset();
+    coresim = start_coresim(state);
+    EXPECT_NE(one_shot("set speaker-volume 14").find("val speaker-volume 14"), std::string::npos);
+    coresim.reset();
+    coresim = start_coresim(state);
+    EXPECT_NE(one_shot("get speaker-volume").find("val speaker-volume 14"), std::string::npos)
+        << read_file("/tmp/coresim.log");
+    // Without the state file the device starts from its defaults again.
+    coresim.reset();
+    coresim = start_coresim();
+    EXPECT_NE(one_shot("get speaker-volume").find("val speaker-volume 9"), std::string::npos);
+}
+
 // A client built directly on the channel, without cli's pause after each send.
 class ChannelClient {
   public:

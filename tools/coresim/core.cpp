@@ -268,6 +268,10 @@ const std::string* Core::setting(const std::string& key) const {
     return it == settings_.end() ? nullptr : &it->second;
 }
 
+void Core::forget_registrations(int instance) {
+    registered_[instance & 1].clear();
+}
+
 bool Core::load_state(const std::string& path) {
     std::ifstream in(path);
     if (!in) return false;
@@ -311,6 +315,7 @@ Output Core::handle(int instance, std::string_view record) {
     std::vector<Change> changes;
     const Reply reply = handle_request(instance, request, changes);
     output.records.emplace_back(instance, render_response(request, reply));
+    output.changed = !changes.empty();
     for (const Change& change : changes) {
         for (int i = 0; i < 2; ++i) {
             if (registered_[i].empty()) continue;

@@ -37,6 +37,7 @@ std::string xml_escape(std::string_view text);
 // response first) and, per connector instance, notifications.
 struct Output {
     std::vector<std::pair<int, std::string>> records;  // {instance, text}
+    bool changed = false;                              // a setting or a call changed
 };
 
 struct CallState {
@@ -56,6 +57,9 @@ class Core {
     bool save_state(const std::string& path) const;
 
     const std::string* setting(const std::string& key) const;
+
+    // Forgets who listens on a connector's pipe (it stopped reading).
+    void forget_registrations(int instance);
 
   private:
     struct Reply {

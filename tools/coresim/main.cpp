@@ -44,8 +44,8 @@ int open_fifo(const char* path) {
     return fd;
 }
 
-// Writes one NUL-padded record; waits up to a second for room, then drops it
-// (a connector that stopped reading must not stall the device).
+// Writes one NUL-padded record; waits a little for room, then gives up: a
+// connector that stopped reading must not stall the device.
 bool write_record(int fd, const std::string& text) {
     char record[coresim::RECORD_LEN] = {};
     std::memcpy(record, text.data(), std::min(text.size(), sizeof record - 1));
@@ -54,7 +54,7 @@ bool write_record(int fd, const std::string& text) {
         if (n == static_cast<ssize_t>(sizeof record)) return true;
         if (n >= 0 || (errno != EAGAIN && errno != EINTR)) return false;
         pollfd pfd{fd, POLLOUT, 0};
-        poll(&pfd, 1, 1000);
+        poll(&pfd, 1, 200);
     }
     return false;
 }
@@ -120,14 +120,17 @@ int main(int argc, char** argv) {
                 if (verbose) std::printf("coresim: [%d] <- %s\n", i, record.c_str());
                 if (output.records.empty() && verbose)
                     std::printf("coresim: [%d] not a request, ignored\n", i);
-                bool changed = false;
                 for (const auto& [instance, text] : output.records) {
-                    write_record(tx[instance], text);
+                    if (!write_record(tx[instance], text)) {
+                        // Its pipe is full: that connector is gone or stuck.
+                        core.forget_registrations(instance);
+                        std::printf("coresim: [%d] pipe full, record dropped\n", instance);
+                        continue;
+                    }
                     if (verbose) std::printf("coresim: [%d] -> %s\n", instance, text.c_str());
-                    changed = changed || text.starts_with("<server_notify");
                 }
                 if (verbose) std::fflush(stdout);
-                if (changed && !state_path.empty()) core.save_state(state_path);
+                if (output.changed && !state_path.empty()) core.save_state(state_path);
             }
         }
     }

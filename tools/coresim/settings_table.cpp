@@ -150,6 +150,8 @@ constexpr SettingSpec settings[] = {
     {"voip.dial-plan", "x.", K::text, 0, 0},
 };
 
+// One press of cam-pan-left/right, cam-tilt-up/down or cam-zoom-in/out moves
+// the camera by this much, never past the limit the request carries.
 constexpr CameraStep camera_steps[] = {
     {"cam.camera-pan", 5},
     {"cam.camera-tilt", 3},
