@@ -118,6 +118,7 @@ TEST(CoreSim, RegisteredConnectorsHearEveryChangeOnce) {
         0, request("<action property=\"audio.mute\">set</action><p name=\"default\">0</p>", "CGI",
                    "7"));
     ASSERT_EQ(out.records.size(), 3u);
+    EXPECT_TRUE(out.changed);
     EXPECT_EQ(out.records[0].first, 0);
     EXPECT_NE(out.records[0].second.find("<server_response client_id=\"CGI\" sub_client_id=\"7\""),
               std::string::npos);
@@ -128,8 +129,10 @@ TEST(CoreSim, RegisteredConnectorsHearEveryChangeOnce) {
     EXPECT_NE(out.records[2].second.find("<notify event=\"audio.mute\"><v>0</v></notify>"),
               std::string::npos);
     // A get changes nothing.
-    EXPECT_EQ(
-        core.handle(1, request("<action property=\"audio.mute\">get</action>")).records.size(), 1u);
+    const coresim::Output get =
+        core.handle(1, request("<action property=\"audio.mute\">get</action>"));
+    EXPECT_EQ(get.records.size(), 1u);
+    EXPECT_FALSE(get.changed);
 }
 
 TEST(CoreSim, CallsMoveThroughTheirStatesAndReportThem) {
