@@ -1,0 +1,286 @@
+#include "GPP/Connectors/cgi_connector.hpp"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "GPP/Connectors/bin_serialization.hpp"
+#include "GPP/Connectors/queue.hpp"
+#include "GPP/Connectors/request_record.hpp"
+#include "OSAL/fixed_text.hpp"
+#include "OSAL/osal.hpp"
+
+namespace {
+
+int no_hook(CgiConnector*) {
+    return 0;
+}
+
+// The receiver and the registration both write to the core; the pair keeps
+// its out descriptor and its sequence counter in shared fields.
+std::mutex core_write_mutex;
+
+int write_to_core(CgiConnector* connector, const IpcMessage& message) {
+    std::lock_guard lock(core_write_mutex);
+    char sequence[16] = {};
+    std::snprintf(sequence, sizeof sequence, "%d", connector->pair->next_sequence(connector->pair));
+    tx::HeapText envelope = wrap_client_request(message, connector->name, sequence);
+    if (!envelope || envelope.get()[0] == '\0') return -1;
+    return connector->pair->write(connector->pair, envelope.get(), CORE_RECORD_LEN);
+}
+
+constexpr std::size_t NAME_LIMIT = 65;
+constexpr std::size_t SINGLE_LIMIT = 321;
+
+struct DirCloser {
+    void operator()(DIR* dir) const noexcept { closedir(dir); }
+};
+
+// Names of the marker files in dir whose process is gone.
+std::vector<std::string> dead_markers(const CgiConnector* connector) {
+    std::vector<std::string> dead;
+    std::unique_ptr<DIR, DirCloser> dir(opendir(connector->tmp_dir));
+    if (!dir) return dead;
+    while (const dirent* entry = readdir(dir.get())) {
+        const std::string_view pid = cgi_marker_pid(entry->d_name);
+        if (pid.empty()) continue;
+        const std::string proc = std::string(connector->proc_dir) + "/" + std::string(pid);
+        struct stat st {};
+        // Only a definite "no such process" counts as dead.
+        if (stat(proc.c_str(), &st) == 0 || errno != ENOENT) continue;
+        dead.emplace_back(entry->d_name);
+    }
+    return dead;
+}
+
+}  // namespace
+
+CgiConnector cgi_connector = {
+    .name = "CGI",
+    .channel = &cgi_connector_channel,
+    .pair = &fd_pairs[0],
+    .start = cgi_connector_start,
+    .handle_client_message = cgi_handle_client_message,
+    .hook_a = no_hook,
+    .hook_b = no_hook,
+    .threads = {},
+    .thread_started = {},
+    .thread_routines = {cgi_client_receiver, cgi_core_reader},
+    .tmp_dir = "/tmp",
+    .proc_dir = "/proc",
+};
+
+int cgi_handle_client_message(CgiConnector* connector, const IpcMessage& message) {
+    return write_to_core(connector, message);
+}
+
+int cgi_register_for_notifications(CgiConnector* connector) {
+    RequestRecord record{};
+    tx::copy_bounded(record.action, "client_register_notify");
+    IpcMessage message{};
+    generate_xml_request(record, std::span<char>(message.text, IPC_TEXT_LEN));
+    if (message.text[0] == '\0') return -1;
+    message.type = 0;  // not on behalf of any one client
+    // Kept up for as long as the core's pipe can be opened: the core forgets
+    // registrations when it restarts. Only a failed open (a positive error
+    // number) ends it.
+    while (write_to_core(connector, message) <= 0) {
+        usleep(100000);
+    }
+    return 1;
+}
+
+std::size_t cgi_render_notify_line(const NotifyRecord& record, std::span<char> out) {
+    if (out.empty()) return 0;
+    out[0] = '\0';
+    tx::append_bounded(out, "notify ");
+    tx::append_bounded(out, tx::field_view(record.event), NAME_LIMIT);
+    tx::append_bounded(out, " ");
+    if (record.target[0] != '\0') {
+        tx::append_bounded(out, tx::field_view(record.target), NAME_LIMIT);
+        tx::append_bounded(out, " ");
+    }
+    if (record.value_mode == PARSED_MODE_SINGLE) {
+        tx::append_bounded(out, tx::field_view(record.values.single), SINGLE_LIMIT);
+        tx::append_bounded(out, " ");
+    } else if (record.value_mode == PARSED_MODE_LIST) {
+        for (const RecordSlot& slot : record.values.slots) {
+            const std::string_view name = tx::field_view(slot.name);
+            const std::string_view value = tx::field_view(slot.value);
+            if (name.empty() || value.empty()) continue;
+            tx::append_bounded(out, name, NAME_LIMIT);
+            tx::append_bounded(out, " ");
+            const bool quote = value.find(' ') != std::string_view::npos;
+            if (quote) tx::append_bounded(out, "\"");
+            tx::append_bounded(out, value, NAME_LIMIT);
+            if (quote) tx::append_bounded(out, "\"");
+            tx::append_bounded(out, " ");
+        }
+    }
+    return strip_trailing_space(out.data());
+}
+
+int cgi_write_inter_comm(const char* dir, std::string_view line) {
+    const std::string path = std::string(dir) + "/" + CGI_INTER_COMM_NAME;
+    mkfifo(path.c_str(), 0666);
+    // Opened read-write, as the pipe queues are, so that the open never waits
+    // for a reader; non-blocking so that a full pipe never stalls the worker.
+    const int fd = open(path.c_str(), O_RDWR);
+    if (fd < 0) {
+        osal_log(0, "%s %d [%d, %d]:\n", "cgi_connector", 500, static_cast<int>(getpid()),
+                 osal_gettid());
+        return -1;
+    }
+    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    char record[CGI_LINE_LEN] = {};
+    tx::copy_bounded(record, line);
+    const ssize_t written = write(fd, record, sizeof record);
+    close(fd);
+    return written == static_cast<ssize_t>(sizeof record) ? 0 : -1;
+}
+
+CgiRoute cgi_worker_step(CgiConnector* connector, std::string_view record) {
+    record = record.substr(0, record.find('\0'));
+    if (record.empty()) return CgiRoute::dropped;
+    if (is_server_notify(record)) {
+        tx::HeapText notify = cut_notify(record);
+        if (!notify || !is_notify(notify.get())) return CgiRoute::notify_failed;
+        NotifyRecord parsed{};
+        parse_notify(notify.get(), std::strlen(notify.get()) + 1, &parsed);
+        char line[CGI_LINE_LEN] = {};
+        cgi_render_notify_line(parsed, line);
+        return cgi_write_inter_comm(connector->tmp_dir, line) == 0 ? CgiRoute::notified
+                                                                   : CgiRoute::notify_failed;
+    }
+    if (!is_server_response(record)) return CgiRoute::dropped;
+    if (message_contains(record, "client_register_notify")) return CgiRoute::registration;
+    const long pid = sub_client_id_of(record);
+    if (pid <= 0) return CgiRoute::no_client;
+    tx::HeapText response = cut_response(record);
+    if (!response) return CgiRoute::no_client;
+    char text[IPC_TEXT_LEN] = {};
+    tx::copy_bounded(text, response.get());
+    if (connector->channel->send(connector->channel, text, pid, 0)) return CgiRoute::sent;
+    osal_log(0, "%s %d [%d, %d]:cgi message queue is full, clear the queue.\n", "cgi_connector",
+             373, static_cast<int>(getpid()), osal_gettid());
+    // Every waiting reply to every CGI client is given up for this one.
+    connector->channel->flush(connector->channel, 0);
+    connector->channel->send(connector->channel, text, pid, 0);
+    return CgiRoute::resent;
+}
+
+std::string_view cgi_marker_pid(std::string_view file_name) {
+    const std::string_view prefix = CGI_MARKER_PREFIX;
+    if (!file_name.starts_with(prefix)) return {};
+    const std::string_view rest = file_name.substr(prefix.size());
+    const std::size_t end = rest.find(CGI_MARKER_SUFFIX);
+    if (end == std::string_view::npos || end < 1 || end > 15) return {};
+    return rest.substr(0, end);
+}
+
+int cgi_monitor_pass(CgiConnector* connector) {
+    for (const std::string& name : dead_markers(connector)) {
+        const std::string pid(cgi_marker_pid(name));
+        connector->channel->flush(connector->channel, std::strtol(pid.c_str(), nullptr, 10));
+    }
+    int deleted = 0;
+    for (const std::string& name : dead_markers(connector)) {
+        const std::string path = std::string(connector->tmp_dir) + "/" + name;
+        if (std::remove(path.c_str()) == 0) ++deleted;
+    }
+    return deleted;
+}
+
+void* cgi_client_receiver(void* arg) {
+    auto* connector = static_cast<CgiConnector*>(arg);
+    IpcMessage message{};
+    for (;;) {
+        std::memset(&message, 0, sizeof message);
+        if (!connector->channel->receive(connector->channel, &message, 0)) break;
+        connector->handle_client_message(connector, message);
+    }
+    return nullptr;
+}
+
+void* cgi_core_reader(void* arg) {
+    auto* connector = static_cast<CgiConnector*>(arg);
+    char record[CORE_RECORD_LEN + 1];
+    for (;;) {
+        std::memset(record, 0, sizeof record);
+        connector->pair->read(connector->pair, record, CORE_RECORD_LEN);
+        if (record[0] == '\0') {
+            usleep(10000);  // the core closed its end; wait for it to return
+            continue;
+        }
+        message_stack_push(record);
+    }
+    return nullptr;
+}
+
+void* cgi_worker(void* arg) {
+    auto* connector = static_cast<CgiConnector*>(arg);
+    char record[CORE_RECORD_LEN + 1];
+    for (;;) {
+        std::memset(record, 0, sizeof record);
+        message_stack_pop(record, CORE_RECORD_LEN);
+        if (record[0] == '\0') continue;
+        cgi_worker_step(connector, std::string_view(record, CORE_RECORD_LEN));
+    }
+    return nullptr;
+}
+
+void* cgi_monitor(void* arg) {
+    auto* connector = static_cast<CgiConnector*>(arg);
+    for (;;) {
+        sleep(CGI_MONITOR_PERIOD_S);
+        cgi_monitor_pass(connector);
+    }
+    return nullptr;
+}
+
+int cgi_connector_start(CgiConnector* connector) {
+    if (connector->channel->open(connector->channel, 'c') < 0) {
+        std::printf("%s:%d: error creating channel. \n", "cgi_connector", 404);
+        std::fflush(stdout);
+        std::exit(0);
+    }
+    connector->pair->create(connector->pair);
+
+    struct Start {
+        void* (*routine)(void*);
+        int line;
+        const char* text;
+    };
+    const Start starts[] = {
+        {connector->thread_routines[0], 417, "%s:%d: error creating CGI connector thread. \n"},
+        {connector->thread_routines[1], 426,
+         "%s:%d: error creating CGI connector file reader thread. \n"},
+        {cgi_worker, 439,
+         "%s:%d: error creating CGI connector message processing worker thread. \n"},
+        {cgi_monitor, 451, "%s:%d: error creating CGI monitoring worker thread. \n"},
+    };
+    for (std::size_t i = 0; i < std::size(starts); ++i) {
+        pthread_t thread{};
+        if (pthread_create(&thread, nullptr, starts[i].routine, connector) != 0) {
+            std::printf(starts[i].text, "cgi_connector", starts[i].line);
+            std::fflush(stdout);
+            std::exit(1);
+        }
+        pthread_detach(thread);
+        if (i < 2) {
+            connector->threads[i] = thread;
+            connector->thread_started[i] = true;
+        }
+    }
+    return 0;
+}

@@ -1,0 +1,264 @@
+#include "GPP/Connectors/cli_connector.hpp"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "GPP/Connectors/xml_messages.hpp"
+#include "GPP/External/xmltree/xmltree.hpp"
+#include "OSAL/fixed_text.hpp"
+#include "OSAL/osal.hpp"
+
+namespace {
+
+int no_hook(CliConnector*) {
+    return 0;
+}
+
+void on_sigusr2(int) {
+    cli_reset_sessions(&cli_connector);
+}
+
+void send_text(CliConnector* connector, const char* text, long type) {
+    connector->channel->send(connector->channel, text, type, 0);
+}
+
+}  // namespace
+
+CliConnector cli_connector = {
+    .name = "CLI",
+    .channel = &cli_connector_channel,
+    .pair = &fd_pairs[1],
+    .start = cli_connector_start,
+    .handle_client_message = cli_handle_client_message,
+    .hook_a = no_hook,
+    .hook_b = no_hook,
+    .session_mutex = PTHREAD_MUTEX_INITIALIZER,
+    .sessions = {},
+    .threads = {},
+    .thread_started = {},
+    .thread_routines = {cli_client_receiver, cli_session_monitor, cli_core_reader},
+    .wake_mutex = PTHREAD_MUTEX_INITIALIZER,
+    .wake = PTHREAD_COND_INITIALIZER,
+};
+
+int cli_lock_sessions(CliConnector* connector) {
+    const int rc = pthread_mutex_lock(&connector->session_mutex);
+    if (rc != 0) {
+        errno = rc;
+        std::perror("Failed to lock session objects.");
+    }
+    return rc;
+}
+
+int cli_unlock_sessions(CliConnector* connector) {
+    const int rc = pthread_mutex_unlock(&connector->session_mutex);
+    if (rc != 0) {
+        errno = rc;
+        std::perror("Failed to unlock session objects.");
+    }
+    return rc;
+}
+
+bool cli_is_keep_alive(std::string_view text) {
+    // The parser works in place and needs its own terminated copy.
+    std::string copy(text.substr(0, text.find('\0')));
+    if (copy.empty()) return false;
+    XmlDocumentPtr doc(xml_parse_string(copy.data(), copy.size() + 1));
+    if (!doc || doc->error[0] != '\0') return false;
+    XmlNode* action = xml_child(doc.get(), "action");
+    return action != nullptr && action->text != nullptr &&
+           std::strcmp(action->text, CLI_KEEP_ALIVE_ACTION) == 0;
+}
+
+int cli_forward(CliConnector* connector, const IpcMessage& message) {
+    const std::string_view text = tx::field_view(message.text);
+    // A keep-alive only refreshes the session.
+    if (cli_is_keep_alive(text)) return 1;
+    char sequence[16] = {};
+    std::snprintf(sequence, sizeof sequence, "%d", connector->pair->next_sequence(connector->pair));
+    tx::HeapText envelope = wrap_client_request(message, connector->name, sequence);
+    if (!envelope || envelope.get()[0] == '\0') return -1;
+    // The envelope is a 512-byte allocation: the pair pads and writes it whole.
+    return connector->pair->write(connector->pair, envelope.get(), CORE_RECORD_LEN);
+}
+
+int cli_handle_client_message(CliConnector* connector, const IpcMessage& message) {
+    const long pid = message.type;
+    timeval now{};
+    gettimeofday(&now, nullptr);
+
+    cli_lock_sessions(connector);
+    CliSession* session = nullptr;
+    for (CliSession& s : connector->sessions) {
+        if (s.pid.load() == pid) {
+            session = &s;
+            break;
+        }
+    }
+    if (session == nullptr) {
+        for (CliSession& s : connector->sessions) {
+            if (s.pid.load() <= 0) {
+                session = &s;
+                s.pid.store(static_cast<int>(pid));
+                break;
+            }
+        }
+    }
+    if (session != nullptr) {
+        session->seen_sec.store(now.tv_sec);
+        session->seen_usec.store(now.tv_usec);
+    }
+    cli_unlock_sessions(connector);
+
+    if (session == nullptr) {
+        // The table is full: the newcomer is turned away, its request dropped.
+        send_text(connector, CLI_TERMINATE_TEXT, pid);
+        return 0;
+    }
+    const int rc = cli_forward(connector, message);
+    return rc == 0 || rc == 1 ? 1 : -1;
+}
+
+int cli_expire_one(CliConnector* connector, const timeval& now) {
+    int dropped = 0;
+    cli_lock_sessions(connector);
+    for (CliSession& s : connector->sessions) {
+        const int pid = s.pid.load();
+        if (pid <= 0) continue;
+        long age = now.tv_sec - s.seen_sec.load();
+        if (now.tv_usec < s.seen_usec.load()) --age;
+        if (age > CLI_SESSION_EXPIRY_S) {
+            s.pid.store(0);
+            s.seen_sec.store(0);
+            s.seen_usec.store(0);
+            dropped = pid;
+            break;
+        }
+    }
+    cli_unlock_sessions(connector);
+    // Replies to a vanished client would only fill the queue.
+    if (dropped > 0) connector->channel->flush(connector->channel, dropped);
+    return dropped;
+}
+
+int cli_route_core_record(CliConnector* connector, std::string_view record) {
+    record = record.substr(0, record.find('\0'));
+    if (record.empty()) return 0;
+    int sends = 0;
+    if (is_server_notify(record)) {
+        for (CliSession& s : connector->sessions) {
+            const int pid = s.pid.load();
+            if (pid <= 0) continue;
+            tx::HeapText notify = cut_notify(record);
+            if (!notify) continue;
+            char text[IPC_TEXT_LEN] = {};
+            tx::copy_bounded(text, notify.get());
+            send_text(connector, text, pid);
+            ++sends;
+        }
+        return sends;
+    }
+    const long pid = sub_client_id_of(record);
+    if (pid <= 0) {
+        osal_log(0, "%s %d [%d, %d]:response without a client: %.80s\n", "cli_connector", __LINE__,
+                 static_cast<int>(getpid()), osal_gettid(), std::string(record).c_str());
+        return 0;
+    }
+    tx::HeapText response = cut_response(record);
+    if (!response) return 0;
+    char text[IPC_TEXT_LEN] = {};
+    tx::copy_bounded(text, response.get());
+    send_text(connector, text, pid);
+    return 1;
+}
+
+void cli_reset_sessions(CliConnector* connector) {
+    for (CliSession& s : connector->sessions) {
+        s.pid.store(0);
+        s.seen_sec.store(0);
+        s.seen_usec.store(0);
+    }
+}
+
+void* cli_client_receiver(void* arg) {
+    auto* connector = static_cast<CliConnector*>(arg);
+    IpcMessage message{};
+    for (;;) {
+        std::memset(&message, 0, sizeof message);
+        if (!connector->channel->receive(connector->channel, &message, 0)) break;
+        connector->handle_client_message(connector, message);
+    }
+    return nullptr;
+}
+
+void* cli_session_monitor(void* arg) {
+    auto* connector = static_cast<CliConnector*>(arg);
+    for (;;) {
+        timespec deadline{};
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += CLI_MONITOR_PERIOD_S;
+        pthread_mutex_lock(&connector->wake_mutex);
+        pthread_cond_timedwait(&connector->wake, &connector->wake_mutex, &deadline);
+        pthread_mutex_unlock(&connector->wake_mutex);
+        timeval now{};
+        gettimeofday(&now, nullptr);
+        cli_expire_one(connector, now);
+    }
+    return nullptr;
+}
+
+void* cli_core_reader(void* arg) {
+    auto* connector = static_cast<CliConnector*>(arg);
+    char record[CORE_RECORD_LEN + 1];
+    for (;;) {
+        std::memset(record, 0, sizeof record);
+        connector->pair->read(connector->pair, record, CORE_RECORD_LEN);
+        if (record[0] == '\0') {
+            // Nothing read: the pair reported an error or the core closed its
+            // end. Do not spin while it is away.
+            usleep(10000);
+            continue;
+        }
+        cli_route_core_record(connector, std::string_view(record, CORE_RECORD_LEN));
+    }
+    return nullptr;
+}
+
+int cli_connector_start(CliConnector* connector) {
+    if (connector->channel->open(connector->channel, 'c') < 0) {
+        std::exit(0);
+    }
+    connector->pair->create(connector->pair);
+
+    // The worker threads keep SIGUSR2 blocked: a blocking queue receive that a
+    // signal interrupts counts as failed and would end the receiver.
+    sigset_t usr2;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    sigset_t previous;
+    pthread_sigmask(SIG_BLOCK, &usr2, &previous);
+    for (int i = 0; i < 3; ++i) {
+        if (pthread_create(&connector->threads[i], nullptr, connector->thread_routines[i],
+                           connector) != 0) {
+            std::perror("pthread_create");
+            std::exit(1);
+        }
+        pthread_detach(connector->threads[i]);
+        connector->thread_started[i] = true;
+    }
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+
+    struct sigaction action {};
+    action.sa_handler = on_sigusr2;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;
+    sigaction(SIGUSR2, &action, nullptr);
+    return 0;
+}

@@ -1,0 +1,595 @@
+#include "tools/coresim/core.hpp"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+#include <fstream>
+
+#include "GPP/RegexParser/property_map.hpp"
+#include "tools/coresim/settings_table.hpp"
+
+namespace coresim {
+
+namespace {
+
+constexpr std::size_t VALUE_LIMIT = 320;
+const char* const LINES[] = {"1", "2", "3", "usb", "bt"};
+
+// Device operations that change no setting; the simulation acknowledges them.
+const char* const PLAIN_ACTIONS[] = {
+    "cam-save-as-default",
+    "cam-apply-defaults",
+    "cam-image-save-as-default",
+    "cam-image-apply-defaults",
+    "cam-factory-reset",
+    "restart",
+    "diag-self-test",
+    "bt-pair",
+    "bt-unpair",
+    "bt-disconnect",
+    "download-logs",
+    "play",
+    "led-set",
+    "export-config",
+    "import-config",
+    "bm64-msg-start-upgrade",
+    "bm64-msg-acl-connect",
+    "bm64-msg-write-uart-ipf-file",
+    "bm64-msg-write-ipf-file",
+    "bm64-msg-read-uart-ipf-file",
+    "bm64-msg-read-ipf-file",
+    "bm64-msg-verify-uart-ipf-file",
+    "bm64-msg-verify-ipf-file",
+    "bm64-msg-erase-fw-file",
+    "bm64-msg-write-fw-file",
+    "bm64-msg-read-fw-file",
+    "bm64-msg-verify-fw-file",
+    "bm64-msg-get-uart-version",
+    "bm64-msg-get-ipf-version",
+    "bm64-msg-get-fw-version",
+    "rc_clear",
+};
+
+bool is_space(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
+}
+
+std::string decode_entities(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '&') {
+            out += text[i];
+            continue;
+        }
+        const std::size_t semi = text.find(';', i);
+        if (semi == std::string_view::npos || semi - i > 10) {
+            out += text[i];
+            continue;
+        }
+        const std::string_view entity = text.substr(i + 1, semi - i - 1);
+        char c = 0;
+        if (entity == "amp")
+            c = '&';
+        else if (entity == "lt")
+            c = '<';
+        else if (entity == "gt")
+            c = '>';
+        else if (entity == "quot")
+            c = '"';
+        else if (entity == "apos")
+            c = '\'';
+        else if (entity.size() > 1 && entity[0] == '#') {
+            const std::string digits(entity.substr(1));
+            char* end = nullptr;
+            const long code = digits[0] == 'x' ? std::strtol(digits.c_str() + 1, &end, 16)
+                                               : std::strtol(digits.c_str(), &end, 10);
+            if (end != nullptr && *end == '\0' && code > 0 && code < 128)
+                c = static_cast<char>(code);
+        }
+        if (c == 0) {
+            out += text[i];
+            continue;
+        }
+        out += c;
+        i = semi;
+    }
+    return out;
+}
+
+// One start tag: its attributes and where it ends.
+struct Tag {
+    std::vector<std::pair<std::string, std::string>> attrs;
+    bool self_closing = false;
+    std::size_t end = 0;  // index after '>'
+
+    std::string attr(std::string_view name) const {
+        for (const auto& [n, v] : attrs)
+            if (n == name) return v;
+        return {};
+    }
+};
+
+// Reads the start tag named `name` that begins at pos ('<'). False when the
+// tag is malformed or has another name.
+bool read_tag(std::string_view s, std::size_t pos, std::string_view name, Tag& tag) {
+    if (s.substr(pos, 1 + name.size()) != std::string("<") + std::string(name)) return false;
+    std::size_t i = pos + 1 + name.size();
+    if (i >= s.size() || !(is_space(s[i]) || s[i] == '>' || s[i] == '/')) return false;
+    while (i < s.size()) {
+        while (i < s.size() && is_space(s[i])) ++i;
+        if (i >= s.size()) return false;
+        if (s[i] == '>') {
+            tag.end = i + 1;
+            return true;
+        }
+        if (s[i] == '/') {
+            if (i + 1 < s.size() && s[i + 1] == '>') {
+                tag.self_closing = true;
+                tag.end = i + 2;
+                return true;
+            }
+            return false;
+        }
+        const std::size_t name_start = i;
+        while (i < s.size() && s[i] != '=' && !is_space(s[i]) && s[i] != '>' && s[i] != '/') ++i;
+        const std::string attr_name(s.substr(name_start, i - name_start));
+        while (i < s.size() && is_space(s[i])) ++i;
+        if (attr_name.empty() || i >= s.size() || s[i] != '=') return false;
+        ++i;
+        while (i < s.size() && is_space(s[i])) ++i;
+        if (i >= s.size() || (s[i] != '"' && s[i] != '\'')) return false;
+        const char quote = s[i++];
+        const std::size_t close = s.find(quote, i);
+        if (close == std::string_view::npos) return false;
+        tag.attrs.emplace_back(attr_name, decode_entities(s.substr(i, close - i)));
+        i = close + 1;
+    }
+    return false;
+}
+
+// Finds the first element `name` at or after from; text is what precedes its
+// first child or end tag.
+bool find_element(std::string_view s, std::size_t from, std::string_view name, Tag& tag,
+                  std::string& text) {
+    const std::string opener = "<" + std::string(name);
+    for (std::size_t pos = s.find(opener, from); pos != std::string_view::npos;
+         pos = s.find(opener, pos + 1)) {
+        Tag candidate;
+        if (!read_tag(s, pos, name, candidate)) continue;
+        tag = std::move(candidate);
+        text.clear();
+        if (!tag.self_closing) {
+            const std::size_t lt = s.find('<', tag.end);
+            text = decode_entities(
+                s.substr(tag.end, (lt == std::string_view::npos ? s.size() : lt) - tag.end));
+        }
+        return true;
+    }
+    return false;
+}
+
+bool parse_number(const std::string& text, SettingKind kind, double& out) {
+    if (text.empty()) return false;
+    errno = 0;
+    char* end = nullptr;
+    if (kind == SettingKind::integer) {
+        const long v = std::strtol(text.c_str(), &end, 10);
+        out = static_cast<double>(v);
+    } else {
+        out = std::strtod(text.c_str(), &end);
+    }
+    return errno == 0 && end != nullptr && *end == '\0';
+}
+
+const SettingSpec* spec_for(std::string_view key) {
+    for (const SettingSpec& spec : coresim_settings())
+        if (key == spec.key) return &spec;
+    return nullptr;
+}
+
+bool is_line(std::string_view id) {
+    return std::any_of(std::begin(LINES), std::end(LINES), [&](const char* l) { return id == l; });
+}
+
+std::string now_text() {
+    char buf[32] = {};
+    const std::time_t t = std::time(nullptr);
+    std::tm tm{};
+    localtime_r(&t, &tm);
+    std::strftime(buf, sizeof buf, "%H:%M:%S", &tm);
+    return buf;
+}
+
+}  // namespace
+
+std::string xml_escape(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (const char c : text) {
+        switch (c) {
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            case '\'':
+                out += "&apos;";
+                break;
+            default:
+                out += c;
+        }
+    }
+    return out;
+}
+
+bool parse_request(std::string_view record, Request& request) {
+    record = record.substr(0, record.find('\0'));
+    Tag envelope;
+    std::string text;
+    if (!find_element(record, 0, "client_request", envelope, text)) return false;
+    request.client_id = envelope.attr("client_id");
+    request.sub_client_id = envelope.attr("sub_client_id");
+    request.message_seq = envelope.attr("message_seq");
+    Tag action;
+    if (find_element(record, envelope.end, "action", action, text)) {
+        request.action = text;
+        request.property = action.attr("property");
+        request.target = action.attr("target");
+    }
+    std::size_t from = envelope.end;
+    Tag p;
+    while (find_element(record, from, "p", p, text)) {
+        request.params.emplace_back(p.attr("name"), text);
+        from = p.end;
+    }
+    return true;
+}
+
+Core::Core() {
+    for (const PropertyNameMap* row = property_name_map; row->key != nullptr && row->key[0] != '\0';
+         ++row)
+        settings_.emplace(row->key, "0");
+    for (const SettingSpec& spec : coresim_settings()) settings_[spec.key] = spec.default_value;
+    for (const char* line : LINES) calls_[line] = CallState{};
+}
+
+const std::string* Core::setting(const std::string& key) const {
+    const auto it = settings_.find(key);
+    return it == settings_.end() ? nullptr : &it->second;
+}
+
+void Core::forget_registrations(int instance) {
+    registered_[instance & 1].clear();
+}
+
+bool Core::load_state(const std::string& path) {
+    std::ifstream in(path);
+    if (!in) return false;
+    std::string line;
+    while (std::getline(in, line)) {
+        const std::size_t eq = line.find('=');
+        if (eq == std::string::npos || eq == 0) continue;
+        settings_[line.substr(0, eq)] = line.substr(eq + 1);
+    }
+    return true;
+}
+
+bool Core::save_state(const std::string& path) const {
+    const std::string temp = path + ".new";
+    {
+        std::ofstream out(temp, std::ios::trunc);
+        if (!out) return false;
+        for (const auto& [key, value] : settings_) out << key << '=' << value << '\n';
+        if (!out.flush()) return false;
+    }
+    return std::rename(temp.c_str(), path.c_str()) == 0;
+}
+
+std::string Core::param_value(const Request& request) const {
+    for (const auto& [name, value] : request.params)
+        if (name == "default") return value;
+    if (request.params.empty()) return {};
+    if (request.params.size() == 1) return request.params.front().second;
+    std::string joined;
+    for (const auto& [name, value] : request.params) {
+        if (!joined.empty()) joined += ' ';
+        joined += value;
+    }
+    return joined;
+}
+
+Output Core::handle(int instance, std::string_view record) {
+    Output output;
+    Request request;
+    if (!parse_request(record, request)) return output;
+    std::vector<Change> changes;
+    const Reply reply = handle_request(instance, request, changes);
+    output.records.emplace_back(instance, render_response(request, reply));
+    output.changed = !changes.empty();
+    for (const Change& change : changes) {
+        for (int i = 0; i < 2; ++i) {
+            if (registered_[i].empty()) continue;
+            // One notification per connector: the connector fans it out.
+            output.records.emplace_back(i, render_notify(registered_[i].begin()->first, change));
+        }
+    }
+    return output;
+}
+
+Core::Reply Core::handle_request(int instance, const Request& request,
+                                 std::vector<Change>& changes) {
+    const std::string& action = request.action;
+    if (action.empty()) return {"error", request.property, request.target, {{"", "empty action"}}};
+    if (action == "client_register_notify") {
+        registered_[instance & 1].emplace(request.client_id, request.sub_client_id);
+        return {action, request.property, request.target, {{"", "ok"}}};
+    }
+    if (action == "get" && request.property.starts_with("call.")) return handle_call_get(request);
+    if (action == "report" && request.property.starts_with("call."))
+        return handle_call(request, changes);
+    if (action == "get" || action == "set" || action == "report" || action == "increment" ||
+        action == "decrement")
+        return handle_setting(request, changes);
+    if (action == "dial" || action == "answer" || action == "hangup" || action == "hold" ||
+        action == "resume" || action == "swap" || action == "transfer" || action == "join")
+        return handle_call(request, changes);
+    if (std::any_of(std::begin(PLAIN_ACTIONS), std::end(PLAIN_ACTIONS),
+                    [&](const char* a) { return action == a; }))
+        return {action, request.property, request.target, {{"", "ok"}}};
+    return {action, request.property, request.target, {{"", "error unknown action"}}};
+}
+
+Core::Reply Core::handle_setting(const Request& request, std::vector<Change>& changes) {
+    Reply reply{request.action, request.property, request.target, {}};
+    const std::string& key = request.property;
+    const std::string scoped = request.target.empty() ? key : key + "#" + request.target;
+    auto it = settings_.find(scoped);
+    if (it == settings_.end()) it = settings_.find(key);
+    if (key.empty() || (it == settings_.end() && request.action != "report")) {
+        reply.values = {{"", "error unknown property"}};
+        return reply;
+    }
+    if (request.action == "get") {
+        reply.values = {{"", it->second}};
+        return reply;
+    }
+    const SettingSpec* spec = spec_for(key);
+    std::string value = param_value(request);
+    if (request.action == "increment" || request.action == "decrement") {
+        const auto steps = coresim_camera_steps();
+        const auto step = std::find_if(steps.begin(), steps.end(),
+                                       [&](const CameraStep& s) { return key == s.key; });
+        double limit = 0;
+        double current = 0;
+        if (step == steps.end() || !parse_number(value, SettingKind::integer, limit) ||
+            !parse_number(it->second, SettingKind::integer, current)) {
+            reply.values = {{"", "error not adjustable"}};
+            return reply;
+        }
+        const long cur = static_cast<long>(current);
+        const long lim = static_cast<long>(limit);
+        const long next = request.action == "increment"
+                              ? std::min(cur + step->step, std::max(cur, lim))
+                              : std::max(cur - step->step, std::min(cur, lim));
+        value = std::to_string(next);
+    } else if (spec != nullptr && spec->kind != SettingKind::text) {
+        double number = 0;
+        if (!parse_number(value, spec->kind, number) || number < spec->min || number > spec->max) {
+            reply.values = {{"", "error out of range"}};
+            return reply;
+        }
+    }
+    if (value.size() > VALUE_LIMIT) value.resize(VALUE_LIMIT);
+    // A newline would break the state file; the grammar never sends one.
+    std::replace(value.begin(), value.end(), '\n', ' ');
+    settings_[scoped] = value;
+    reply.values = {{"", value}};
+    changes.push_back({key, request.target, value});
+    return reply;
+}
+
+void Core::set_call_status(const std::string& line, const std::string& status,
+                           std::vector<Change>& changes) {
+    CallState& call = calls_[line];
+    call.status = status;
+    if (status == "idle") {
+        call.number.clear();
+        call.start_time.clear();
+    }
+    changes.push_back({"call.status", line, status});
+}
+
+Core::Reply Core::handle_call(const Request& request, std::vector<Change>& changes) {
+    const std::string& action = request.action;
+    const std::string& line = request.target;
+    Reply reply{action, request.property, line, {}};
+    auto error = [&](const char* what) {
+        reply.values = {{"", what}};
+        return reply;
+    };
+    if (action == "report") {
+        // The core's own publishing path: "report status 1 connected" and the like.
+        if (!is_line(line)) return error("error unknown call");
+        CallState& call = calls_[line];
+        const std::string field = request.property.substr(5);
+        if (field == "call-info") {
+            for (const auto& [name, value] : request.params) {
+                if (name == "call.number" || name == "call.caller") call.number = value;
+                if (name == "call.status") set_call_status(line, value, changes);
+            }
+        } else if (field == "status") {
+            set_call_status(line, param_value(request), changes);
+        } else {
+            if (field == "number" || field == "caller") call.number = param_value(request);
+            if (field == "start-time") call.start_time = param_value(request);
+            changes.push_back({request.property, line, param_value(request)});
+        }
+        reply.values = {{"", param_value(request)}};
+        return reply;
+    }
+    if (action == "dial") {
+        if (!is_line(line)) return error("error unknown line");
+        if (calls_[line].status != "idle") return error("error line busy");
+        const std::string number = param_value(request);
+        if (number.empty()) return error("error no number");
+        // The far end picks up at once: the whole progression is reported.
+        set_call_status(line, "dialing", changes);
+        calls_[line].number = number;
+        set_call_status(line, "ringing", changes);
+        set_call_status(line, "connected", changes);
+        calls_[line].start_time = now_text();
+        reply.values = {{"", number}};
+        return reply;
+    }
+    if (action == "hangup" || action == "hold") {
+        const bool all = line == "all";
+        if (!all && !is_line(line)) return error("error unknown line");
+        int changed = 0;
+        for (const char* l : LINES) {
+            if (!all && line != l) continue;
+            const std::string& status = calls_[l].status;
+            if (action == "hangup" && status != "idle") {
+                set_call_status(l, "idle", changes);
+                ++changed;
+            } else if (action == "hold" && status == "connected") {
+                set_call_status(l, "held", changes);
+                ++changed;
+            }
+        }
+        if (changed == 0) return error("error no call");
+        reply.values = {{"", all ? "ok" : calls_[line].status}};
+        return reply;
+    }
+    if (action == "answer" || action == "resume") {
+        if (!is_line(line)) return error("error unknown line");
+        const std::string& status = calls_[line].status;
+        const bool ok =
+            action == "answer" ? (status == "ringing" || status == "incoming") : status == "held";
+        if (!ok) return error("error no call");
+        set_call_status(line, "connected", changes);
+        reply.values = {{"", "connected"}};
+        return reply;
+    }
+    if (action == "swap" || action == "transfer") {
+        std::string source;
+        std::string target;
+        for (const auto& [name, value] : request.params) {
+            if (name == "source-call") source = value;
+            if (name == "target-call") target = value;
+        }
+        if (!is_line(source) || !is_line(target) || source == target)
+            return error("error unknown call");
+        if (calls_[source].status == "idle" || calls_[target].status == "idle")
+            return error("error no call");
+        if (action == "swap") {
+            const std::string a = calls_[source].status;
+            const std::string b = calls_[target].status;
+            set_call_status(source, b, changes);
+            set_call_status(target, a, changes);
+        } else {
+            set_call_status(source, "transferred", changes);
+            set_call_status(source, "idle", changes);
+            set_call_status(target, "idle", changes);
+        }
+        reply.values = {{"", "ok"}};
+        return reply;
+    }
+    // join: named slots call id -> mix state
+    int joined = 0;
+    for (const auto& [id, mix] : request.params) {
+        if (!is_line(id) || mix != "1" || calls_[id].status == "idle") continue;
+        set_call_status(id, "conferenced", changes);
+        ++joined;
+    }
+    if (joined == 0) return error("error no call");
+    reply.values = {{"", "ok"}};
+    return reply;
+}
+
+Core::Reply Core::handle_call_get(const Request& request) {
+    Reply reply{request.action, request.property, request.target, {}};
+    const std::string field = request.property.substr(5);
+    if (field == "status-all") {
+        for (const char* l : LINES) reply.values.emplace_back(l, calls_[l].status);
+        return reply;
+    }
+    if (!is_line(request.target)) {
+        reply.values = {{"", "error unknown call"}};
+        return reply;
+    }
+    const CallState& call = calls_[request.target];
+    if (field == "status")
+        reply.values = {{"", call.status}};
+    else if (field == "number" || field == "caller")
+        reply.values = {{"", call.number}};
+    else if (field == "start-time")
+        reply.values = {{"", call.start_time}};
+    else if (field == "codec")
+        reply.values = {{"", call.status == "idle" ? "" : "G.722"}};
+    else if (field == "call-quality")
+        reply.values = {{"", call.status == "idle" ? "" : "good"}};
+    else if (field == "call-info")
+        reply.values = {{"call.caller", call.number},
+                        {"call.number", call.number},
+                        {"call.status", call.status}};
+    else
+        reply.values = {{"", "error unknown property"}};
+    return reply;
+}
+
+std::string Core::render_response(const Request& request, const Reply& reply) const {
+    std::vector<std::pair<std::string, std::string>> values = reply.values;
+    for (;;) {
+        std::string out = "<server_response client_id=\"" + xml_escape(request.client_id) +
+                          "\" sub_client_id=\"" + xml_escape(request.sub_client_id) +
+                          "\" message_seq=\"" + xml_escape(request.message_seq) +
+                          "\"><response><action";
+        if (!reply.property.empty()) out += " property=\"" + xml_escape(reply.property) + "\"";
+        if (!reply.target.empty()) out += " target=\"" + xml_escape(reply.target) + "\"";
+        out += ">" + xml_escape(reply.action) + "</action>";
+        for (const auto& [name, value] : values) {
+            out += name.empty() ? std::string("<v>") : "<v name=\"" + xml_escape(name) + "\">";
+            out += xml_escape(value) + "</v>";
+        }
+        out += "</response></server_response>";
+        if (out.size() < RECORD_LEN) return out;
+        // Too long for one record: shorten the longest value and try again.
+        auto longest = std::max_element(
+            values.begin(), values.end(),
+            [](const auto& a, const auto& b) { return a.second.size() < b.second.size(); });
+        if (longest == values.end() || longest->second.empty())
+            return out.substr(0, RECORD_LEN - 1);
+        const std::size_t excess = out.size() - (RECORD_LEN - 1);
+        longest->second.resize(longest->second.size() > excess ? longest->second.size() - excess
+                                                               : 0);
+    }
+}
+
+std::string Core::render_notify(const std::string& client_id, const Change& change) {
+    std::string value = change.value;
+    for (;;) {
+        std::string out = "<server_notify client_id=\"" + xml_escape(client_id) +
+                          "\" message_seq=\"" + std::to_string(notify_seq_) +
+                          "\"><notify event=\"" + xml_escape(change.event) + "\"";
+        if (!change.target.empty()) out += " target=\"" + xml_escape(change.target) + "\"";
+        out += "><v>" + xml_escape(value) + "</v></notify></server_notify>";
+        if (out.size() < RECORD_LEN || value.empty()) {
+            ++notify_seq_;
+            return out.substr(0, RECORD_LEN - 1);
+        }
+        const std::size_t excess = out.size() - (RECORD_LEN - 1);
+        value.resize(value.size() > excess ? value.size() - excess : 0);
+    }
+}
+
+}  // namespace coresim
