@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -60,21 +61,23 @@ int pair_write(FdPair* pair, char* record, std::size_t record_len) {
         return -1;
     }
     // Non-blocking: fails at once (ENXIO) while the core has no reader.
-    pair->out_fd = open(pair->out_path, O_WRONLY | O_CREAT | O_NONBLOCK, 0666);
-    if (pair->out_fd < 0) {
+    // The core reader thread looks at out_fd while a writer thread sets it.
+    const int out_fd = open(pair->out_path, O_WRONLY | O_CREAT | O_NONBLOCK, 0666);
+    std::atomic_ref<int>(pair->out_fd).store(out_fd);
+    if (out_fd < 0) {
         const int error = errno;
         report("Failed to open fd_pair_out : ", path_of(pair->out_path));
         return error;
     }
     // Every record on the FIFO has the same length, NUL-padded.
     std::memset(record + text_len, 0, record_len - text_len);
-    const ssize_t written = write(pair->out_fd, record, record_len);
+    const ssize_t written = write(out_fd, record, record_len);
     if (written < 0) {
         report("Failed to write to fd_pair_out : ", path_of(pair->out_path));
-        close(pair->out_fd);
+        close(out_fd);
         return static_cast<int>(written);
     }
-    close(pair->out_fd);
+    close(out_fd);
     return 0;
 }
 
@@ -85,7 +88,7 @@ void pair_read(FdPair* pair, char* buffer, std::size_t length) {
         pair->in_fd = open(pair->in_path, O_RDONLY);
         // It is the out descriptor that is tested here, not the one just
         // opened: long-standing behaviour, kept as it is.
-        if (pair->out_fd < 0) {
+        if (std::atomic_ref<int>(pair->out_fd).load() < 0) {
             report("Failed to open fd_pair_in : ", path_of(pair->in_path));
             return;
         }
