@@ -251,7 +251,7 @@ TEST(FormatNotify, AppendsToWhatIsThereAndStaysBounded) {
 
     char small[10] = {};
     format_notify(n, small);
-    EXPECT_STREQ(small, "notify e ");
+    EXPECT_STREQ(small, "notify e");
 
     std::string values;
     for (int i = 0; i < 15; ++i) {
