@@ -227,7 +227,7 @@ TEST_F(ClientParts, ReceiverShowsNotificationsAndResponses) {
         "<response><v name=\"a\"></v><v></v></response>",
         "garbage",
         // Both tags: a notification.
-        "<notify event=\"e\"><v>1</v></notify><response/>",
+        "<notify event=\"e\"><response/><v>1</v></notify>",
     };
     cli_set_prompt(true);
     const std::string shown = receive_all(0);
