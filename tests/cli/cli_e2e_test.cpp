@@ -300,7 +300,7 @@ TEST_F(CliEndToEnd, RepliesAndNotificationsWithPrompt) {
         {"audio.mute", kMuteResponse,  //
          "audio.mute", "<notify event=\"call.status\" target=\"1\"><v>connected</v></notify>",
          "audio.mute", "<server_response><v>1</v></server_response>", "audio.mute",
-         "<response><v name=\"a\"></v></response>", "speaker-volume",
+         "<response><v name=\"a\"></v><v></v></response>", "speaker-volume",
          "<response><action property=\"audio.speaker-volume\">get</action><v>9</v></response>"});
     Cli cli({},
             "get mute\n"
