@@ -10,6 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
@@ -96,6 +97,13 @@ std::vector<std::string> as_user(uid_t uid, std::vector<std::string> argv) {
     return wrapped;
 }
 
+bool has_override(const std::vector<std::string>& env, std::string_view name) {
+    for (const auto& e : env) {
+        if (e.starts_with(name)) return true;
+    }
+    return false;
+}
+
 // Starts argv with stdin from input_fd (or /dev/null) and stdout and stderr
 // into files.
 pid_t spawn(const std::vector<std::string>& argv, int input_fd, const std::string& out_path,
@@ -104,6 +112,8 @@ pid_t spawn(const std::vector<std::string>& argv, int input_fd, const std::strin
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string_view entry = *e;
         if (entry.starts_with("HOME=") || entry.starts_with("TSAN_OPTIONS=")) continue;
+        if (entry.starts_with("ASAN_OPTIONS=") && has_override(extra_env, "ASAN_OPTIONS="))
+            continue;
         env_text.emplace_back(entry);
     }
     // The client's signal handler works in signal context on purpose.
@@ -190,15 +200,26 @@ std::string msg(pid_t from, std::string_view text) {
 class Cli {
   public:
     // With keep_open the input pipe stays open until close_input().
+    // With log_calls the client's kill() and msgsnd() calls are logged in order.
     Cli(std::vector<std::string> args, std::string_view input, bool keep_open = false,
-        uid_t uid = 0)
-        : home_(kWork + "/home" + std::to_string(next_id())), out_(home_ + ".out") {
+        uid_t uid = 0, bool log_calls = false)
+        : home_(kWork + "/home" + std::to_string(next_id())),
+          out_(home_ + ".out"),
+          calls_(home_ + ".calls") {
         make_dir(home_);
         int fds[2];
         EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
         std::vector<std::string> argv = {CLI_BINARY};
         argv.insert(argv.end(), args.begin(), args.end());
-        pid_ = spawn(as_user(uid, argv), fds[0], out_, {"HOME=" + home_});
+        std::vector<std::string> env = {"HOME=" + home_};
+        if (log_calls) {
+            const char* asan = std::getenv("ASAN_OPTIONS");
+            env.push_back("LD_PRELOAD=" CALL_LOG_SHIM);
+            env.push_back("TX_CALL_LOG=" + calls_);
+            env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") +
+                          ":verify_asan_link_order=0");
+        }
+        pid_ = spawn(as_user(uid, argv), fds[0], out_, env);
         close(fds[0]);
         input_ = fds[1];
         write_input(input);
@@ -232,11 +253,13 @@ class Cli {
     void signal(int signo) const { kill(pid_, signo); }
     pid_t pid() const { return pid_; }
     std::string output() const { return read_file(out_); }
+    std::vector<std::string> calls() const { return lines_of(read_file(calls_)); }
     bool has_history() const { return access((home_ + "/.cli_history").c_str(), F_OK) == 0; }
 
   private:
     std::string home_;
     std::string out_;
+    std::string calls_;
     pid_t pid_ = -1;
     int input_ = -1;
     bool reaped_ = false;
@@ -388,52 +411,60 @@ TEST_F(CliEndToEnd, InterruptAndTerminateEndWithStatusOne) {
 }
 
 TEST_F(CliEndToEnd, RoomControlCleanUpOnEachWayOut) {
+    const std::string send_rc = std::string("msgsnd ") + kSetRc;
+    const std::string send_off = std::string("msgsnd ") + kDisconnect;
+    const std::string signal_peer = "kill " + std::to_string(SIGUSR2);
     {
         // Interrupted: the clean-up request goes before the signal.
         Peer peer({}, kOperator);
-        Cli cli({}, "set dialer-connection-mode rc\n", true, kOperator);
+        Cli cli({}, "set dialer-connection-mode rc\n", true, kOperator, true);
         peer.events(1);
         cli.signal(SIGINT);
         EXPECT_EQ(cli.status(), 1);
+        EXPECT_EQ(cli.calls(), (std::vector<std::string>{send_rc, send_off, signal_peer}));
         EXPECT_EQ(peer.events(3),
                   (std::vector<std::string>{msg(cli.pid(), kSetRc), msg(cli.pid(), kDisconnect),
                                             "SIGUSR2"}));
     }
     {
-        // "exit": the signal first, the clean-up request after it.
+        // "exit": the signal first, the clean-up request right after it (too
+        // close for the peer to tell the order; the client's log tells it).
         Peer peer({}, kOperator);
-        Cli cli({}, "set dialer-connection-mode rc\nexit\n", false, kOperator);
+        Cli cli({}, "set dialer-connection-mode rc\nexit\n", false, kOperator, true);
         EXPECT_EQ(cli.status(), 0);
-        EXPECT_EQ(peer.events(3), (std::vector<std::string>{msg(cli.pid(), kSetRc), "SIGUSR2",
-                                                            msg(cli.pid(), kDisconnect)}));
+        EXPECT_EQ(cli.calls(), (std::vector<std::string>{send_rc, signal_peer, send_off}));
+        std::vector<std::string> events = peer.events(3);
+        std::vector<std::string> expected = {msg(cli.pid(), kSetRc), msg(cli.pid(), kDisconnect),
+                                             "SIGUSR2"};
+        std::sort(events.begin(), events.end());
+        std::sort(expected.begin(), expected.end());
+        EXPECT_EQ(events, expected);
     }
     {
         // End of input: no clean-up at all.
         Peer peer({}, kOperator);
-        Cli cli({}, "set dialer-connection-mode rc\n", false, kOperator);
+        Cli cli({}, "set dialer-connection-mode rc\n", false, kOperator, true);
         EXPECT_EQ(cli.status(), 0);
+        EXPECT_EQ(cli.calls(), (std::vector<std::string>{send_rc, signal_peer}));
         EXPECT_EQ(peer.events(2), (std::vector<std::string>{msg(cli.pid(), kSetRc), "SIGUSR2"}));
-        std::this_thread::sleep_for(100ms);
-        EXPECT_EQ(peer.events().size(), 2U);
     }
     {
         // Disarmed again, or set by root: nothing extra on the way out.
         Peer peer({}, kOperator);
         Cli cli({}, "set dialer-connection-mode rc\nset dialer-connection-mode disconnected\n",
-                true, kOperator);
+                true, kOperator, true);
         peer.events(2);
         cli.signal(SIGINT);
         EXPECT_EQ(cli.status(), 1);
-        EXPECT_EQ(peer.events(3),
-                  (std::vector<std::string>{msg(cli.pid(), kSetRc), msg(cli.pid(), kDisconnect),
-                                            "SIGUSR2"}));
+        EXPECT_EQ(cli.calls(), (std::vector<std::string>{send_rc, send_off, signal_peer}));
     }
     {
         Peer peer;
-        Cli cli({}, "set dialer-connection-mode rc\n", true);
+        Cli cli({}, "set dialer-connection-mode rc\n", true, 0, true);
         peer.events(1);
         cli.signal(SIGINT);
         EXPECT_EQ(cli.status(), 1);
+        EXPECT_EQ(cli.calls(), (std::vector<std::string>{send_rc, signal_peer}));
         EXPECT_EQ(peer.events(2), (std::vector<std::string>{msg(cli.pid(), kSetRc), "SIGUSR2"}));
     }
 }
