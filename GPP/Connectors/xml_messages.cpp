@@ -29,8 +29,9 @@ constexpr std::size_t SUB_CLIENT_TEXT_LEN = 6;
 constexpr std::size_t ENVELOPE_LEN = 512;
 constexpr std::size_t ACK_SEND_LEN = 512;
 
+// An absent attribute reads as an empty text (never as a null pointer).
 std::string_view text_of(const char* s) {
-    return s == nullptr ? std::string_view{} : s;
+    return s == nullptr ? std::string_view{""} : s;
 }
 
 // Parses a private, writable copy of the text: the tree points into the copy,
