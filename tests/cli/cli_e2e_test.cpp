@@ -515,9 +515,11 @@ TEST_F(CliEndToEnd, KeepAliveAfterTenSecondsUntilASendFails) {
     EXPECT_TRUE(wait_until(has_keep_alive, 1500ms));
     EXPECT_LT(Clock::now() - start, 11500ms);
 
+    // One after the other: two SIGUSR2 pending at once would merge into one.
     cli.close_input();
-    orphan.close_input();
     EXPECT_EQ(cli.status(), 0);
+    EXPECT_EQ(peer.events(2), (std::vector<std::string>{keep_alive, "SIGUSR2"}));
+    orphan.close_input();
     EXPECT_EQ(orphan.status(), 0);
     EXPECT_EQ(orphan.output(),
               "cli_client:184: error access queue. \n"
