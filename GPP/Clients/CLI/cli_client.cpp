@@ -85,13 +85,16 @@ int cli_start(int timestamps_enabled, int register_first,
         cell.reset();
         std::exit(0);
     }
-    // The receiver thread owns the cell from here on.
+    // The receiver thread owns the cell from here on. Neither thread is ever
+    // joined; detached, one that ends early gives its resources back.
     static_cast<void>(cell.release());
+    pthread_detach(receiver_thread_id);
 
     if (pthread_create(&keepalive_thread_id, nullptr, cli_keepalive_thread, nullptr) != 0) {
         std::printf("%s:%d: error creating CGI client keepalive thread. \n", "cli_client", 388);
         std::exit(0);
     }
+    pthread_detach(keepalive_thread_id);
 
     return cli_command_loop(register_first, std::move(one_shot_command));
 }
