@@ -1,0 +1,140 @@
+// Process entry, start-up and the ways the client ends.
+#include "GPP/Clients/CLI/cli_client.hpp"
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "GPP/Connectors/ipc_channel.hpp"
+#include "GPP/Connectors/request_record.hpp"
+#include "OSAL/fixed_text.hpp"
+#include "OSAL/osal.hpp"
+
+IpcChannel* cli_channel = &cli_client_channel;
+std::atomic<int> roomcontrol_active{0};
+
+namespace {
+
+pthread_t receiver_thread_id;
+pthread_t keepalive_thread_id;
+
+constexpr std::size_t PIDOF_LEN = 80;
+constexpr std::size_t REQUEST_TEXT_LEN = 256;
+
+}  // namespace
+
+bool cli_parse_options(int argc, char** argv, CliOptions* options) {
+    int option = 0;
+    while ((option = getopt(argc, argv, ":trc:")) != -1) {
+        switch (option) {
+            case 't':
+                options->timestamps_enabled = 1;
+                break;
+            case 'r':
+                options->register_first = 1;
+                break;
+            case 'c':
+                // A second -c replaces the first. Too long an argument loses its
+                // newline; the loop then cuts its last character instead.
+                options->one_shot_command = std::make_unique<char[]>(CLI_LINE_LEN);
+                std::snprintf(options->one_shot_command.get(), CLI_LINE_LEN, "%s\n", optarg);
+                break;
+            default:
+                return false;
+        }
+    }
+    return true;
+}
+
+int cli_main(int argc, char** argv) {
+    CliOptions options;
+    if (!cli_parse_options(argc, argv, &options)) {
+        std::printf("Usage: %s [-t] [-r] [-c\"command\"]\n", argv[0]);
+        std::exit(1);
+    }
+
+    struct sigaction action = {};
+    action.sa_handler = cli_signal_handler;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = 0;
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    cli_start(options.timestamps_enabled, options.register_first,
+              std::move(options.one_shot_command));
+    // The connector learns of a departing client only through this signal.
+    kill(find_pid_by_name("cliconn"), SIGUSR2);
+    return 0;
+}
+
+int cli_start(int timestamps_enabled, int register_first,
+              std::unique_ptr<char[]> one_shot_command) {
+    if (cli_channel->open(cli_channel, 'u') < 0) {
+        std::printf("%s:%d: error access queue. \n", "cli_client", 184);
+    }
+
+    auto cell = std::make_unique<int>(timestamps_enabled);
+    if (pthread_create(&receiver_thread_id, nullptr, cli_receiver_thread, cell.get()) != 0) {
+        std::printf("%s:%d: error creating CGI client message receiver thread. \n", "cli_client",
+                    372);
+        cell.reset();
+        std::exit(0);
+    }
+    // The receiver thread owns the cell from here on. Neither thread is ever
+    // joined; detached, one that ends early gives its resources back.
+    static_cast<void>(cell.release());
+    pthread_detach(receiver_thread_id);
+
+    if (pthread_create(&keepalive_thread_id, nullptr, cli_keepalive_thread, nullptr) != 0) {
+        std::printf("%s:%d: error creating CGI client keepalive thread. \n", "cli_client", 388);
+        std::exit(0);
+    }
+    pthread_detach(keepalive_thread_id);
+
+    return cli_command_loop(register_first, std::move(one_shot_command));
+}
+
+int find_pid_by_name(const char* name) {
+    char buffer[PIDOF_LEN] = {};
+    std::snprintf(buffer, sizeof buffer, "pidof %s", name);
+    FILE* pipe = popen(buffer, "r");
+    if (pipe == nullptr) return -1;
+    // Only the first of several ids counts.
+    const char* line = std::fgets(buffer, sizeof buffer, pipe);
+    pclose(pipe);
+    if (line == nullptr) return -1;
+    return static_cast<int>(std::strtol(buffer, nullptr, 10));
+}
+
+void cli_clear_roomcontrol() {
+    RequestRecord record = {};
+    char out[REQUEST_TEXT_LEN] = {};
+    tx::copy_bounded(record.action, "set", 63);
+    tx::copy_bounded(record.property, "sys.dialer-connection-mode", 63);
+    record.value_mode = REQUEST_MODE_SINGLE;
+    tx::copy_bounded(record.values.single, "disconnected", 63);
+
+    generate_xml_request(record, out);
+    if (out[0] == '\0') {
+        osal_log(0, "%s:%s: generate_xml_request() error", "cli_client", "cli_clear_roomcontrol");
+        return;
+    }
+    const int sent = cli_channel->send(cli_channel, out, getpid(), 0);
+    if (sent == 0) {
+        osal_log(0, "%s:%s: ipc send error %d", "cli_client", "cli_clear_roomcontrol", sent);
+    }
+}
+
+// Runs on whichever thread the kernel picks and does its work right here:
+// the process ends anyway, and the connector must hear of it.
+void cli_signal_handler(int signo) {
+    if (signo != SIGTERM && signo != SIGINT) return;
+    if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
+    kill(find_pid_by_name("cliconn"), SIGUSR2);
+    std::exit(1);
+}

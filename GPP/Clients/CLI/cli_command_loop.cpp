@@ -1,0 +1,165 @@
+// The interactive command loop on the line editor, its built-in commands and
+// the dispatcher that sends every other line to the connector.
+#include <libtecla.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "GPP/Clients/CLI/cli_client.hpp"
+#include "GPP/Connectors/ipc_channel.hpp"
+#include "GPP/Connectors/request_record.hpp"
+#include "GPP/RegexParser/regexparser.hpp"
+#include "OSAL/fixed_text.hpp"
+
+namespace {
+
+constexpr std::size_t EDITOR_LINE_LEN = 500;
+constexpr std::size_t EDITOR_HISTORY_LEN = 5000;
+constexpr const char* HISTORY_FILE = "~/.cli_history";
+constexpr const char* HISTORY_COMMENT = "#";
+constexpr std::size_t REQUEST_TEXT_LEN = 256;
+constexpr useconds_t REPLY_PAUSE_US = 250000;
+
+std::array<std::atomic<char>, CLI_PROMPT_LEN> prompt_chars{};
+
+// VT220 Home, Insert, End, Page Up and Page Down.
+struct KeyBinding {
+    const char* sequence;
+    const char* action;
+};
+constexpr KeyBinding key_bindings[] = {
+    {"M-[1~", "beginning-of-line"},    {"M-[2~", "forward-delete-char"}, {"M-[4~", "end-of-line"},
+    {"M-[5~", "beginning-of-history"}, {"M-[6~", "end-of-history"},
+};
+
+struct EditorDeleter {
+    void operator()(GetLine* gl) const noexcept { del_GetLine(gl); }
+};
+using Editor = std::unique_ptr<GetLine, EditorDeleter>;
+
+bool contains(std::string_view line, std::string_view what) {
+    return line.find(what) != std::string_view::npos;
+}
+
+}  // namespace
+
+void cli_set_prompt(bool shown) {
+    constexpr std::string_view text = "cli> ";
+    if (!shown) {
+        prompt_chars[0].store('\0', std::memory_order_relaxed);
+        return;
+    }
+    // Terminator first, first character last: a reader never runs past the end.
+    prompt_chars[text.size()].store('\0', std::memory_order_relaxed);
+    for (std::size_t i = text.size(); i-- > 0;) {
+        prompt_chars[i].store(text[i], std::memory_order_relaxed);
+    }
+}
+
+void cli_prompt_text(std::span<char> out) {
+    if (out.empty()) return;
+    std::size_t i = 0;
+    for (; i + 1 < out.size() && i < prompt_chars.size(); ++i) {
+        out[i] = prompt_chars[i].load(std::memory_order_relaxed);
+        if (out[i] == '\0') return;
+    }
+    out[i] = '\0';
+}
+
+int cli_send_command(const char* line, std::size_t length, uid_t uid) {
+    // Stray keystrokes are not worth an error.
+    if (length < 2) return 0;
+
+    RequestRecord record = {};
+    if (regexparser_match(line, length, &record) == 0) {
+        char prompt[CLI_PROMPT_LEN] = {};
+        cli_prompt_text(prompt);
+        std::printf("command syntax error\n\r%s", prompt);
+        std::fflush(stdout);
+        return 0;
+    }
+
+    char out[REQUEST_TEXT_LEN] = {};
+    // The operator account's room-control mode must be undone when it leaves.
+    if (uid == CLI_OPERATOR_UID &&
+        tx::field_view(record.property) == "sys.dialer-connection-mode" &&
+        tx::field_view(record.action) == "set") {
+        roomcontrol_active.store(tx::field_view(record.values.single) == "rc" ? 1 : 0);
+    }
+
+    generate_xml_request(record, out);
+    if (out[0] == '\0') return 1;
+
+    const int sent = cli_channel->send(cli_channel, out, getpid(), 0);
+    if (sent == 0) std::printf("%s:%d: error sending cli command. \n", "cli_client", 439);
+    // Gives the receiver time to show the reply before the next prompt.
+    usleep(REPLY_PAUSE_US);
+    return sent;
+}
+
+int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_command) {
+    const uid_t uid = getuid();
+    Editor editor{new_GetLine(EDITOR_LINE_LEN, EDITOR_HISTORY_LEN)};
+    if (!editor) return 1;
+    GetLine* gl = editor.get();
+
+    gl_load_history(gl, HISTORY_FILE, HISTORY_COMMENT);
+    for (const KeyBinding& binding : key_bindings) {
+        gl_bind_keyseq(gl, GL_USER_KEY, binding.sequence, binding.action);
+    }
+    gl_echo_mode(gl, 0);
+    if (uid == CLI_OPERATOR_UID) std::puts("Welcome to the TX-416 IP Management Interface\n");
+
+    for (;;) {
+        const char* input = nullptr;
+        bool last_pass = false;
+        if (one_shot_command) {
+            input = one_shot_command.get();
+            last_pass = true;
+        } else if (register_first != 0) {
+            input = "regnotify\n";
+            register_first = 0;
+        } else {
+            char prompt[CLI_PROMPT_LEN] = {};
+            cli_prompt_text(prompt);
+            input = gl_get_line(gl, prompt, nullptr, 0);
+            if (input == nullptr) {
+                gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
+                return 0;
+            }
+        }
+
+        // Lines end with a newline, which goes; a longer line than the buffer
+        // holds is cut first, so its 127th character goes instead.
+        char line[CLI_LINE_LEN] = {};
+        const std::size_t copied = tx::copy_bounded(line, input);
+        if (copied > 0) line[copied - 1] = '\0';
+        const std::string_view text{line};
+
+        if (text == "exit") {
+            // History is not saved on this way out.
+            editor.reset();
+            kill(find_pid_by_name("cliconn"), SIGUSR2);
+            if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
+            std::exit(0);
+        } else if (contains(text, "set echo")) {
+            gl_echo_mode(gl, contains(text, "1") ? 1 : 0);
+        } else if (text.starts_with("help")) {
+            regexparser_help(line + 4);
+        } else if (contains(text, "set prompt")) {
+            cli_set_prompt(contains(text, "1"));
+        } else {
+            cli_send_command(line, text.size(), uid);
+        }
+
+        if (last_pass) {
+            gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
+            return 0;
+        }
+    }
+}

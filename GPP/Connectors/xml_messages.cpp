@@ -1,0 +1,347 @@
+// Response and notification messages: parsing, one-line display text and the
+// connector-side helpers built on the same texts.
+#include "GPP/Connectors/xml_messages.hpp"
+
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <vector>
+
+#include "GPP/Connectors/ipc_channel.hpp"
+#include "GPP/External/xmltree/xmltree.hpp"
+#include "GPP/RegexParser/property_map.hpp"
+#include "OSAL/fixed_text.hpp"
+
+namespace {
+
+// Each appended display item is cut to this many characters; the output
+// buffer bounds the whole line as well.
+constexpr std::size_t ITEM_CUT = 65;
+constexpr std::size_t SINGLE_CUT = 321;
+
+// The quoted numbers that follow "message_seq" and "sub_client_id" are read
+// into fields of these capacities.
+constexpr std::size_t SEQUENCE_TEXT_LEN = 33;
+constexpr std::size_t SUB_CLIENT_TEXT_LEN = 6;
+
+constexpr std::size_t ENVELOPE_LEN = 512;
+constexpr std::size_t ACK_SEND_LEN = 512;
+
+// An absent attribute reads as an empty text (never as a null pointer).
+std::string_view text_of(const char* s) {
+    return s == nullptr ? std::string_view{""} : s;
+}
+
+// Parses a private, writable copy of the text: the tree points into the copy,
+// so the copy lives as long as the parsed document.
+struct ParsedCopy {
+    std::vector<char> buffer;
+    XmlDocumentPtr doc;
+
+    ParsedCopy(const char* text, std::size_t length) {
+        const std::size_t n = text == nullptr ? 0 : strnlen(text, length);
+        buffer.assign(n + 1, '\0');
+        if (n > 0) std::memcpy(buffer.data(), text, n);
+        doc.reset(xml_parse_string(buffer.data(), n + 1));
+    }
+    // A document that reported an error is not trusted for anything.
+    XmlNode* root() const {
+        if (!doc || doc->error[0] != '\0') return nullptr;
+        return doc.get();
+    }
+};
+
+// The "v" elements, shared by responses and notifications.
+void read_values(XmlNode* root, std::uint32_t* mode, RecordValues* values) {
+    XmlNode* v = xml_child(root, "v");
+    if (v == nullptr) return;
+    if (v->next != nullptr) {
+        *mode = PARSED_MODE_LIST;
+        std::size_t i = 0;
+        for (; v != nullptr && i < RECORD_SLOT_COUNT; v = v->next, ++i) {
+            tx::copy_bounded(values->slots[i].name, text_of(xml_attr(v, "name")));
+            tx::copy_bounded(values->slots[i].value, text_of(v->text));
+        }
+    } else {
+        *mode = PARSED_MODE_SINGLE;
+        tx::copy_bounded(values->single, text_of(v->text));
+    }
+}
+
+void append_item(std::span<char> out, std::string_view item, std::size_t cut = ITEM_CUT) {
+    tx::append_bounded(out, item, cut);
+    tx::append_bounded(out, " ");
+}
+
+// Drops one trailing blank, but never the only character of the text.
+void drop_trailing_blank(std::span<char> out) {
+    const std::size_t len = strnlen(out.data(), out.size());
+    if (len >= 2 && len < out.size() && out[len - 1] == ' ') out[len - 1] = '\0';
+}
+
+bool slot_used(const RecordSlot& slot) {
+    return slot.name[0] != '\0' && slot.value[0] != '\0';
+}
+
+void default_response_format(const RequestRecord& record, std::span<char> out) {
+    const std::string_view action = tx::field_view(record.action);
+    if (!action.empty()) {
+        const char* display = action_name_for_key(action);
+        append_item(out, display != nullptr ? std::string_view{display} : action);
+    }
+    const std::string_view property = tx::field_view(record.property);
+    if (!property.empty()) {
+        const char* name = property_name_for_key(property);
+        append_item(out, name != nullptr ? std::string_view{name} : property);
+    }
+    const std::string_view target = tx::field_view(record.target);
+    if (!target.empty()) {
+        // Channel targets read better with a gap: "ch1" shows as "ch 1".
+        if (target.size() == 3 && target.starts_with("ch")) {
+            tx::append_bounded(out, "ch ");
+            tx::append_bounded(out, target.substr(2));
+        } else {
+            tx::append_bounded(out, target, ITEM_CUT);
+        }
+        tx::append_bounded(out, " ");
+    }
+    if (record.value_mode == PARSED_MODE_SINGLE) {
+        append_item(out, tx::field_view(record.values.single), SINGLE_CUT);
+    } else {
+        for (const RecordSlot& slot : record.values.slots) {
+            if (slot_used(slot)) append_item(out, tx::field_view(slot.value));
+        }
+    }
+    drop_trailing_blank(out);
+}
+
+void default_notify_format(const NotifyRecord& record, std::span<char> out) {
+    tx::append_bounded(out, "notify ");
+    append_item(out, tx::field_view(record.event));
+    const std::string_view target = tx::field_view(record.target);
+    if (!target.empty()) append_item(out, target);
+    if (record.value_mode == PARSED_MODE_SINGLE) {
+        append_item(out, tx::field_view(record.values.single), SINGLE_CUT);
+    } else {
+        for (const RecordSlot& slot : record.values.slots) {
+            if (!slot_used(slot)) continue;
+            append_item(out, tx::field_view(slot.name));
+            const std::string_view value = tx::field_view(slot.value);
+            if (value.find(' ') != std::string_view::npos) {
+                tx::append_bounded(out, "\"");
+                tx::append_bounded(out, value, ITEM_CUT);
+                tx::append_bounded(out, "\" ");
+            } else {
+                append_item(out, value);
+            }
+        }
+    }
+    drop_trailing_blank(out);
+}
+
+tx::HeapText heap_copy(std::string_view text) {
+    tx::HeapText copy{static_cast<char*>(std::malloc(text.size() + 1))};
+    if (copy) {
+        std::memcpy(copy.get(), text.data(), text.size());
+        copy.get()[text.size()] = '\0';
+    }
+    return copy;
+}
+
+// The part of the message from `open` up to and including `close`, or up to
+// and including the first "/>" when the closing tag is missing.
+tx::HeapText cut_message(std::string_view message, std::string_view open, std::string_view close) {
+    const std::size_t start = message.find(open);
+    if (start == std::string_view::npos) return nullptr;
+    const std::string_view rest = message.substr(start);
+    std::size_t end = rest.find(close);
+    if (end != std::string_view::npos) return heap_copy(rest.substr(0, end + close.size()));
+    end = rest.find("/>");
+    if (end != std::string_view::npos) return heap_copy(rest.substr(0, end + 2));
+    return nullptr;
+}
+
+// The decimal number in the quoted value that follows `name`, read through a
+// field of `capacity` characters.
+long quoted_number_after(std::string_view text, std::string_view name, std::size_t capacity) {
+    const std::size_t at = text.find(name);
+    if (at == std::string_view::npos) return 0;
+    std::string_view rest = text.substr(at + name.size());
+    const std::size_t open = rest.find('"');
+    if (open == std::string_view::npos) return 0;
+    rest = rest.substr(open + 1);
+    const std::size_t close = rest.find('"');
+    if (close != std::string_view::npos) rest = rest.substr(0, close);
+    std::vector<char> field(capacity, '\0');
+    tx::copy_bounded(field, rest);
+    return std::strtol(field.data(), nullptr, 10);
+}
+
+}  // namespace
+
+const ResponseHook response_hooks[] = {{nullptr, nullptr}};
+const NotifyHook notify_hooks[] = {{nullptr, nullptr}};
+
+bool message_contains(std::string_view message, std::string_view what) {
+    return message.find(what) != std::string_view::npos;
+}
+bool is_notify(std::string_view message) {
+    return message_contains(message, "<notify");
+}
+bool is_response(std::string_view message) {
+    return message_contains(message, "<response");
+}
+bool is_server_response(std::string_view message) {
+    return message_contains(message, "<server_response");
+}
+bool is_server_notify(std::string_view message) {
+    return message_contains(message, "<server_notify");
+}
+
+int parse_response(const char* text, std::size_t length, RequestRecord* record) {
+    if (record == nullptr) return 0;
+    const ParsedCopy parsed(text, length);
+    XmlNode* root = parsed.root();
+    if (root == nullptr) return 0;
+    if (XmlNode* action = xml_child(root, "action"); action != nullptr && action->text[0] != '\0') {
+        tx::copy_bounded(record->action, action->text);
+        if (const char* property = xml_attr(action, "property"); property != nullptr) {
+            tx::copy_bounded(record->property, property);
+        }
+        if (const char* target = xml_attr(action, "target"); target != nullptr) {
+            tx::copy_bounded(record->target, target);
+        }
+    }
+    read_values(root, &record->value_mode, &record->values);
+    return 0;
+}
+
+int parse_notify(const char* text, std::size_t length, NotifyRecord* record) {
+    if (record == nullptr) return 0;
+    const ParsedCopy parsed(text, length);
+    XmlNode* root = parsed.root();
+    if (root == nullptr) return 0;
+    if (const char* event = xml_attr(root, "event"); event != nullptr) {
+        tx::copy_bounded(record->event, event);
+    }
+    if (const char* target = xml_attr(root, "target"); target != nullptr) {
+        tx::copy_bounded(record->target, target);
+    }
+    read_values(root, &record->value_mode, &record->values);
+    return 0;
+}
+
+int format_response(const RequestRecord& record, std::span<char> out) {
+    if (out.empty()) return 0;
+    for (const ResponseHook* hook = response_hooks; hook->detect != nullptr; ++hook) {
+        if (hook->detect(record) > 0) return hook->format(record, out, *hook);
+    }
+    default_response_format(record, out);
+    return 0;
+}
+
+int format_notify(const NotifyRecord& record, std::span<char> out) {
+    if (out.empty()) return 0;
+    for (const NotifyHook* hook = notify_hooks; hook->detect != nullptr; ++hook) {
+        if (hook->detect(record) > 0) {
+            hook->format(record, out, *hook);
+            break;
+        }
+    }
+    std::vector<char> plain(out.size(), '\0');
+    default_notify_format(record, plain);
+    tx::append_bounded(out, tx::field_view(plain));
+    return 0;
+}
+
+tx::HeapText cut_notify(std::string_view message) {
+    return cut_message(message, "<notify", "</notify>");
+}
+
+tx::HeapText cut_response(std::string_view message) {
+    return cut_message(message, "<response", "</response>");
+}
+
+tx::HeapText build_client_ack(std::string_view notify_text, const RecordSlot* slots) {
+    char client_id[RECORD_FIELD_LEN] = {};
+    char message_seq[RECORD_FIELD_LEN] = {};
+    char event[RECORD_FIELD_LEN] = {};
+    {
+        const ParsedCopy parsed(notify_text.data(), notify_text.size());
+        if (XmlNode* root = parsed.root(); root != nullptr) {
+            tx::copy_bounded(client_id, text_of(xml_attr(root, "client_id")));
+            tx::copy_bounded(message_seq, text_of(xml_attr(root, "message_seq")));
+            if (XmlNode* notify = xml_child(root, "notify"); notify != nullptr) {
+                tx::copy_bounded(event, text_of(xml_attr(notify, "event")));
+            }
+        }
+    }
+
+    // The tree borrows its strings: keep terminated copies of the slots alive
+    // until the document has been rendered.
+    RecordSlot values[RECORD_SLOT_COUNT] = {};
+    const XmlDocumentPtr ack_doc{xml_new("client_ack")};
+    if (!ack_doc) return nullptr;
+    xml_set_attr(ack_doc.get(), "client_id", client_id);
+    xml_set_attr(ack_doc.get(), "message_seq", message_seq);
+    XmlNode* ack = xml_add_child(ack_doc.get(), "ack", 0);
+    if (ack == nullptr) return nullptr;
+    xml_set_attr(ack, "event", event);
+    if (slots != nullptr) {
+        for (std::size_t i = 0; i < RECORD_SLOT_COUNT; ++i) {
+            tx::copy_bounded(values[i].name, tx::field_view(slots[i].name));
+            tx::copy_bounded(values[i].value, tx::field_view(slots[i].value));
+            if (!slot_used(values[i])) continue;
+            const int index = static_cast<int>(i);
+            std::printf("%s:%d: value %d (%s)\n", "connector", 472, index, values[i].name);
+            std::printf("%s:%d: value %d (%s)\n", "connector", 473, index, values[i].value);
+            XmlNode* value = xml_add_child(ack, "value", 0);
+            if (value == nullptr) continue;
+            xml_set_attr(value, "name", values[i].name);
+            xml_set_text(value, values[i].value);
+        }
+    }
+    // The tree borrows the fields above; render before they go.
+    return tx::HeapText{xml_render(ack_doc.get())};
+}
+
+int build_client_ack_into(std::string_view notify_text, const RecordSlot* slots,
+                          std::span<char> out) {
+    const tx::HeapText ack = build_client_ack(notify_text, slots);
+    if (!ack) return -1;
+    tx::copy_bounded(out, ack.get());
+    return 0;
+}
+
+int send_client_ack(IpcChannel* channel, std::string_view notify_text, const RecordSlot* slots,
+                    long message_type) {
+    if (channel == nullptr || channel->send == nullptr) return 0;
+    char text[ACK_SEND_LEN] = {};
+    if (build_client_ack_into(notify_text, slots, text) != 0) return 0;
+    return channel->send(channel, text, message_type, 0);
+}
+
+tx::HeapText wrap_client_request(const IpcMessage& message, const char* client_id,
+                                 const char* sequence_text) {
+    tx::HeapText envelope{static_cast<char*>(std::calloc(ENVELOPE_LEN, 1))};
+    if (!envelope) return nullptr;
+    // The sub-client number is the 32-bit message type of the sending client.
+    const long sub_client = static_cast<std::int32_t>(message.type);
+    const int text_len = static_cast<int>(strnlen(message.text, sizeof message.text));
+    std::snprintf(envelope.get(), ENVELOPE_LEN,
+                  "<client_request client_id=\"%s\" sub_client_id=\"%ld\" message_seq=\"%s\">%.*s"
+                  "</client_request>",
+                  client_id != nullptr ? client_id : "", sub_client,
+                  sequence_text != nullptr ? sequence_text : "", text_len, message.text);
+    return envelope;
+}
+
+long message_seq_of(std::string_view text) {
+    return quoted_number_after(text, "message_seq", SEQUENCE_TEXT_LEN);
+}
+
+long sub_client_id_of(std::string_view text) {
+    return quoted_number_after(text, "sub_client_id", SUB_CLIENT_TEXT_LEN);
+}
