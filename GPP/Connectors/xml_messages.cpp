@@ -115,6 +115,9 @@ void default_response_format(const RequestRecord& record, std::span<char> out) {
         }
     }
     drop_trailing_blank(out);
+    // A response that parsed to nothing (unparseable text) leaves only the
+    // separator behind: there is nothing to show.
+    if (std::string_view(out.data(), strnlen(out.data(), out.size())) == " ") out[0] = '\0';
 }
 
 void default_notify_format(const NotifyRecord& record, std::span<char> out) {
