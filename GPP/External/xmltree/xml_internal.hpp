@@ -1,0 +1,62 @@
+// Private parts of the xmltree module shared by its translation units.
+#pragma once
+
+#include <cstddef>
+
+#include "GPP/External/xmltree/xmltree.hpp"
+
+namespace xmltree_detail {
+
+inline constexpr const char* kWhitespace = "\t\r\n ";
+
+// One slot of the per-document link index. A slot either describes a parent
+// (name == parent_key(): `a` is the last child in document order, `b` the last
+// group head, `a` null once the slot went stale) or one name group under a
+// parent (`a` is the group's last element).
+struct LinkSlot {
+    XmlNode* parent;
+    const char* name;
+    XmlNode* a;
+    XmlNode* b;
+};
+
+struct LinkIndex {
+    LinkSlot* slots;
+    std::size_t capacity;  // power of two, 0 when absent
+    std::size_t used;
+};
+
+// The allocation behind every XmlDocument: the public record followed by
+// state only this module sees. Each document carries its own copy of the
+// predefined entity table inline until a declaration makes it grow.
+struct DocumentImpl : XmlDocument {
+    char* inline_entities[11];
+    LinkIndex links;
+    std::size_t expansion_budget;  // bytes that entity expansion may still add
+    std::size_t check_budget;      // steps the circularity check may still take
+};
+
+inline DocumentImpl* impl_of(XmlDocument* doc) {
+    return static_cast<DocumentImpl*>(doc);
+}
+
+// The document a node belongs to (every parentless node heads a document).
+inline DocumentImpl* document_of(XmlNode* node) {
+    while (node->parent != nullptr) node = node->parent;
+    return static_cast<DocumentImpl*>(static_cast<XmlDocument*>(node));
+}
+
+// Links `node` under `parent` (see xml_insert) with the document known.
+void link_node(DocumentImpl* doc, XmlNode* node, XmlNode* parent, std::size_t offset);
+// A fresh, zeroed element with borrowed name and no text or attributes.
+XmlNode* new_element(const char* name);
+// Forgets every remembered link position of the document.
+void reset_links(DocumentImpl* doc);
+
+// Growing heap strings keep spare room behind their end so that repeated
+// appends stay linear; the room is whatever the allocator reports.
+char* grow_heap_text(char* text, std::size_t needed);
+
+extern char kEmptyText[];
+
+}  // namespace xmltree_detail
