@@ -29,12 +29,21 @@ struct LinkIndex {
 // The allocation behind every XmlDocument: the public record followed by
 // state only this module sees. Each document carries its own copy of the
 // predefined entity table inline until a declaration makes it grow.
+inline constexpr std::size_t kPoolNodes = 6;
+
 struct DocumentImpl : XmlDocument {
     char* inline_entities[11];
+    // The first elements of a document live in its own block: a message-sized
+    // tree then costs a single allocation. Such nodes are released with it.
+    XmlNode pool[kPoolNodes];
+    std::size_t pool_used;
     LinkIndex links;
     std::size_t expansion_budget;  // bytes that entity expansion may still add
     std::size_t check_budget;      // steps the circularity check may still take
 };
+
+// Small enough for the allocator's per-thread cache of recently freed blocks.
+static_assert(sizeof(DocumentImpl) <= 1024);
 
 inline DocumentImpl* impl_of(XmlDocument* doc) {
     return static_cast<DocumentImpl*>(doc);
@@ -48,8 +57,17 @@ inline DocumentImpl* document_of(XmlNode* node) {
 
 // Links `node` under `parent` (see xml_insert) with the document known.
 void link_node(DocumentImpl* doc, XmlNode* node, XmlNode* parent, std::size_t offset);
-// A fresh, zeroed element with borrowed name and no text or attributes.
-XmlNode* new_element(const char* name);
+// A fresh, zeroed element of `doc` with borrowed name and no text or attributes.
+XmlNode* new_element(DocumentImpl* doc, const char* name);
+
+// An attribute list of `pairs` pairs whose ownership string (all blanks) is
+// kept in the same block, right behind the list's last slot.
+char** new_attr_list(std::size_t pairs);
+// Whether `list`, ending with its null entry at `end`, carries its ownership
+// string in its own block.
+inline bool owner_inside(char** list, std::size_t end) {
+    return list[end + 1] == reinterpret_cast<char*>(list + end + 2);
+}
 // Forgets every remembered link position of the document.
 void reset_links(DocumentImpl* doc);
 

@@ -20,8 +20,49 @@ namespace {
 char marker_cdata[] = " ";
 char marker_other[] = "*";
 
+// Character sets for the hot scans, as tables: short names and values make
+// the library's strspn family spend more on set-up than on scanning.
+struct CharSet {
+    bool member[256];
+};
+
+constexpr CharSet make_set(const char* chars, bool with_nul) {
+    CharSet set{};
+    for (const char* c = chars; *c != '\0'; ++c) set.member[static_cast<unsigned char>(*c)] = true;
+    set.member[0] = with_nul;
+    return set;
+}
+
+constexpr CharSet kTagNameEnd = make_set("\t\r\n />", true);
+constexpr CharSet kAttrNameEnd = make_set("\t\r\n =/>", true);
+constexpr CharSet kEndTagNameEnd = make_set("\t\r\n >", true);
+constexpr CharSet kBlanks = make_set("\t\r\n ", false);
+constexpr CharSet kBlanksOrEquals = make_set("\t\r\n =", false);
+// The C library's whitespace class in the "C" locale.
+constexpr CharSet kSpaceClass = make_set("\t\n\v\f\r ", false);
+
+char* scan_to(char* s, const CharSet& set) {
+    while (!set.member[static_cast<unsigned char>(*s)]) ++s;
+    return s;
+}
+
+char* skip_over(char* s, const CharSet& set) {
+    while (set.member[static_cast<unsigned char>(*s)]) ++s;
+    return s;
+}
+
 bool is_space(char c) {
-    return std::isspace(static_cast<unsigned char>(c)) != 0;
+    return kSpaceClass.member[static_cast<unsigned char>(c)];
+}
+
+// strcmp(a, b) == 0 for the short names of tags, without a library call.
+bool same_text(const char* a, const char* b) {
+    while (*a == *b) {
+        if (*a == '\0') return true;
+        ++a;
+        ++b;
+    }
+    return false;
 }
 
 bool in_work_area(const XmlDocument* doc, const char* s) {
@@ -69,8 +110,7 @@ std::size_t encode_utf8(long value, char* out) {
 
 // CR LF and lone CR become LF. Returns the new length.
 std::size_t normalise_line_ends(char* s) {
-    char* p = s;
-    while (*p != '\0' && *p != '\r') ++p;
+    char* p = strchrnul(s, '\r');
     if (*p == '\0') return static_cast<std::size_t>(p - s);
     char* w = p;
     while (*p != '\0') {
@@ -178,12 +218,18 @@ struct Decoder {
 
 // Decodes `s` (see Decoder) and returns the result, `s` itself or a heap string.
 char* decode(DocumentImpl* doc, char* s, char** table, char mode) {
-    const std::size_t length = normalise_line_ends(s);
+    static constexpr CharSet kTextSpecial = make_set("&%\r", true);
+    static constexpr CharSet kAttrSpecial = make_set("&%\t\n\v\f\r ", true);
+    static constexpr CharSet kCdataSpecial = make_set("\r", true);
+    const CharSet& specials = mode == 'c'                  ? kCdataSpecial
+                              : mode == ' ' || mode == '*' ? kAttrSpecial
+                                                           : kTextSpecial;
+    char* special = scan_to(s, specials);
+    if (*special == '\0') return s;  // the common case: nothing to change
+    const std::size_t length = static_cast<std::size_t>(special - s) + normalise_line_ends(special);
     if (mode == 'c') return s;
-    char* special = s;
-    while (*special != '\0' && *special != '&' && *special != '%' &&
-           !((mode == ' ' || mode == '*') && is_space(*special))) {
-        ++special;
+    if (*special == '\n' && mode != ' ' && mode != '*') {
+        special = scan_to(special, specials);  // a line end that was a CR
     }
     Decoder d{doc, table, mode, s, special, special, s + length, false};
     if (special != s + length) d.run();
@@ -279,7 +325,7 @@ void append_text(Parser& p, char* s, std::size_t len, char mode) {
 void open_element(Parser& p, char* name, char** attrs) {
     XmlNode* node = p.doc->cursor;
     if (node->name != nullptr) {
-        XmlNode* child = new_element(name);
+        XmlNode* child = new_element(p.doc, name);
         link_node(p.doc, child, node, p.text_len);
         node = child;
     } else {
@@ -292,7 +338,7 @@ void open_element(Parser& p, char* name, char** attrs) {
 
 bool close_element(Parser& p, const char* name, const char* position) {
     XmlNode* node = p.doc->cursor;
-    if (node == nullptr || node->name == nullptr || std::strcmp(name, node->name) != 0) {
+    if (node == nullptr || node->name == nullptr || !same_text(name, node->name)) {
         set_error(p.doc, position, "unexpected closing tag </%s>", name);
         return false;
     }
@@ -552,7 +598,7 @@ char* utf16_to_utf8(const char* input, std::size_t& len) {
 
 bool starts_tag(char c) {
     const auto u = static_cast<unsigned char>(c);
-    return (u < 0x80 && std::isalpha(u) != 0) || c == '_' || c == ':';
+    return ((u | 0x20U) >= 'a' && (u | 0x20U) <= 'z') || c == '_' || c == ':';
 }
 
 // Looks up the declared type marker of attribute `name` in a defaults entry.
@@ -573,6 +619,67 @@ char** defaults_entry(DocumentImpl* doc, const char* element) {
 
 enum class Step { next, stop, failed };
 
+// The attributes of one start tag, gathered before the list is made in one
+// block of the right size.
+struct AttrCollector {
+    static constexpr std::size_t kLocal = 16;
+    char* local_items[2 * kLocal];
+    unsigned char local_owned[kLocal];
+    char** items = local_items;
+    unsigned char* owned = local_owned;
+    std::size_t count = 0;
+    std::size_t capacity = kLocal;
+
+    AttrCollector() = default;
+    AttrCollector(const AttrCollector&) = delete;
+    AttrCollector& operator=(const AttrCollector&) = delete;
+    ~AttrCollector() { release(); }
+
+    std::size_t add(char* name) {
+        if (count == capacity) {
+            auto* more_items = static_cast<char**>(std::malloc(4 * capacity * sizeof(char*)));
+            auto* more_owned = static_cast<unsigned char*>(std::malloc(2 * capacity));
+            std::memcpy(static_cast<void*>(more_items), items, 2 * count * sizeof(char*));
+            std::memcpy(more_owned, owned, count);
+            release();
+            items = more_items;
+            owned = more_owned;
+            capacity *= 2;
+        }
+        items[2 * count] = name;
+        items[2 * count + 1] = kEmptyText;
+        owned[count] = ' ';
+        return count++;
+    }
+
+    void release() {
+        if (items != local_items) {
+            std::free(static_cast<void*>(items));
+            std::free(owned);
+            items = local_items;
+            owned = local_owned;
+        }
+    }
+
+    void discard() {
+        for (std::size_t i = 0; i < count; ++i) {
+            if ((owned[i] & XML_TEXT_OWNED) != 0) std::free(items[2 * i + 1]);
+        }
+        count = 0;
+        release();
+    }
+
+    char** build() {
+        if (count == 0) return XML_NIL;
+        char** list = new_attr_list(count);
+        std::memcpy(static_cast<void*>(list), items, 2 * count * sizeof(char*));
+        std::memcpy(list[2 * count + 1], owned, count);
+        count = 0;
+        release();
+        return list;
+    }
+};
+
 // A start tag; `s` is at its name. Leaves `s` at the closing '>' (or the end).
 Step start_tag(Parser& p, char*& s, char end_char) {
     DocumentImpl* doc = p.doc;
@@ -581,40 +688,32 @@ Step start_tag(Parser& p, char*& s, char end_char) {
         set_error(doc, name, "markup outside of root element");
         return Step::failed;
     }
-    s += std::strcspn(s, "\t\r\n />");
+    s = scan_to(s, kTagNameEnd);
     while (is_space(*s)) *s++ = '\0';
-    char** attrs = XML_NIL;
+    AttrCollector attrs;
     char** entry = nullptr;
     if (*s != '\0' && *s != '/' && *s != '>') entry = defaults_entry(doc, name);
-    for (std::size_t l = 0; *s != '\0' && *s != '/' && *s != '>'; l += 2) {
-        char* owner = attrs == XML_NIL ? nullptr : attrs[l + 1];
-        attrs = attrs == XML_NIL ? static_cast<char**>(std::malloc(4 * sizeof(char*)))
-                                 : static_cast<char**>(std::realloc(static_cast<void*>(attrs),
-                                                                    (l + 4) * sizeof(char*)));
-        owner = static_cast<char*>(std::realloc(owner, l / 2 + 2));
-        owner[l / 2] = ' ';
-        owner[l / 2 + 1] = '\0';
-        attrs[l] = s;
-        attrs[l + 1] = kEmptyText;
-        attrs[l + 2] = nullptr;
-        attrs[l + 3] = owner;
-        s += std::strcspn(s, "\t\r\n =/>");
+    while (*s != '\0' && *s != '/' && *s != '>') {
+        const std::size_t index = attrs.add(s);
+        s = scan_to(s, kAttrNameEnd);
         if (*s == '=' || is_space(*s)) {
             *s++ = '\0';
-            s += std::strspn(s, "\t\r\n =");
+            s = skip_over(s, kBlanksOrEquals);
             const char quote = *s;
             if (quote == '"' || quote == '\'') {
                 char* value = ++s;
                 while (*s != '\0' && *s != quote) ++s;
                 if (*s == '\0') {
-                    xml_free_attrs(attrs);
+                    attrs.discard();
                     set_error(doc, name, "missing %c", quote);
                     return Step::failed;
                 }
                 *s++ = '\0';
-                char* decoded = decode(doc, value, doc->entities, marker_of(entry, attrs[l]));
-                attrs[l + 1] = decoded;
-                if (decoded != value) owner[l / 2] = static_cast<char>(XML_TEXT_OWNED);
+                char* decoded =
+                    decode(doc, value, doc->entities, marker_of(entry, attrs.items[2 * index]));
+                attrs.items[2 * index + 1] = decoded;
+                if (decoded != value)
+                    attrs.owned[index] = static_cast<unsigned char>(XML_TEXT_OWNED);
             }
         }
         while (is_space(*s)) ++s;
@@ -622,22 +721,22 @@ Step start_tag(Parser& p, char*& s, char end_char) {
     if (*s == '/') {
         *s++ = '\0';
         if ((*s != '\0' && *s != '>') || (*s == '\0' && end_char != '>')) {
-            xml_free_attrs(attrs);
+            attrs.discard();
             set_error(doc, name, "missing >");
             return Step::failed;
         }
-        open_element(p, name, attrs);
+        open_element(p, name, attrs.build());
         close_element(p, name, s);
         return Step::next;
     }
     if (*s == '>' || (*s == '\0' && end_char == '>')) {
         const char closing = *s;
         *s = '\0';
-        open_element(p, name, attrs);
+        open_element(p, name, attrs.build());
         *s = closing;
         return Step::next;
     }
-    xml_free_attrs(attrs);
+    attrs.discard();
     set_error(doc, name, "missing >");
     return Step::failed;
 }
@@ -723,7 +822,7 @@ XmlDocument* xml_parse_string(char* buffer, std::size_t len) {
     const char end_char = s[len - 1];
     s[len - 1] = '\0';
 
-    while (*s != '\0' && *s != '<') ++s;
+    s = strchrnul(s, '<');
     if (*s == '\0') return set_error(doc, s, "root tag missing");
 
     Parser p{doc, 0};
@@ -734,7 +833,7 @@ XmlDocument* xml_parse_string(char* buffer, std::size_t len) {
             step = start_tag(p, s, end_char);
         } else if (*s == '/') {
             char* name = s + 1;
-            s = name + std::strcspn(name, "\t\r\n >");
+            s = scan_to(name, kEndTagNameEnd);
             const char closing = *s;
             if (closing == '\0' && end_char != '>') {
                 set_error(doc, name, "missing >");
@@ -743,7 +842,7 @@ XmlDocument* xml_parse_string(char* buffer, std::size_t len) {
             *s = '\0';
             if (!close_element(p, name, s)) return doc;
             *s = closing;
-            if (is_space(closing)) s += std::strspn(s, kWhitespace);
+            if (is_space(closing)) s = skip_over(s, kBlanks);
         } else {
             step = declaration(p, s, end_char);
         }
@@ -754,7 +853,7 @@ XmlDocument* xml_parse_string(char* buffer, std::size_t len) {
         if (*s != '<') {
             if (*s == '\0') break;
             char* data = s;
-            while (*s != '\0' && *s != '<') ++s;
+            s = strchrnul(s, '<');
             if (*s == '\0') break;
             append_text(p, data, static_cast<std::size_t>(s - data), '&');
         }

@@ -53,12 +53,29 @@ char* grow_heap_text(char* text, std::size_t needed) {
     return static_cast<char*>(std::realloc(text, want));
 }
 
-XmlNode* new_element(const char* name) {
-    auto* node = static_cast<XmlNode*>(std::calloc(1, sizeof(XmlNode)));
+XmlNode* new_element(DocumentImpl* doc, const char* name) {
+    XmlNode* node = nullptr;
+    if (doc->pool_used < kPoolNodes) {
+        node = &doc->pool[doc->pool_used++];
+        *node = XmlNode{};
+    } else {
+        node = static_cast<XmlNode*>(std::calloc(1, sizeof(XmlNode)));
+    }
     node->name = const_cast<char*>(name);
     node->attrs = XML_NIL;
     node->text = kEmptyText;
     return node;
+}
+
+char** new_attr_list(std::size_t pairs) {
+    const std::size_t slots = 2 * pairs + 2;
+    auto* list = static_cast<char**>(std::malloc(slots * sizeof(char*) + pairs + 1));
+    auto* owner = reinterpret_cast<char*>(list + slots);
+    std::memset(owner, ' ', pairs);
+    owner[pairs] = '\0';
+    list[2 * pairs] = nullptr;
+    list[2 * pairs + 1] = owner;
+    return list;
 }
 
 }  // namespace xmltree_detail
@@ -149,7 +166,12 @@ void index_parent(LinkIndex& index, XmlNode* parent) {
 
 bool same_name(const char* a, const char* b) {
     if (a == nullptr || b == nullptr) return a == b;
-    return std::strcmp(a, b) == 0;
+    while (*a == *b) {
+        if (*a == '\0') return true;
+        ++a;
+        ++b;
+    }
+    return false;
 }
 
 // The document-order chain, by walking. Returns the number of steps taken.
@@ -272,7 +294,10 @@ void link_node(DocumentImpl* doc, XmlNode* node, XmlNode* parent, std::size_t of
 // Building.
 
 XmlDocument* xml_new(const char* name) {
-    auto* doc = static_cast<DocumentImpl*>(std::calloc(1, sizeof(DocumentImpl)));
+    auto* doc = static_cast<DocumentImpl*>(std::malloc(sizeof(DocumentImpl)));
+    *static_cast<XmlDocument*>(doc) = XmlDocument{};
+    doc->links = LinkIndex{nullptr, 0, 0};
+    doc->pool_used = 0;
     doc->name = const_cast<char*>(name);
     doc->attrs = XML_NIL;
     doc->text = kEmptyText;
@@ -294,7 +319,10 @@ XmlNode* xml_insert(XmlNode* node, XmlNode* parent, std::size_t offset) {
 
 XmlNode* xml_add_child(XmlNode* parent, const char* name, std::size_t offset) {
     if (parent == nullptr) return nullptr;
-    return xml_insert(new_element(name), parent, offset);
+    DocumentImpl* doc = document_of(parent);
+    XmlNode* node = new_element(doc, name);
+    link_node(doc, node, parent, offset);
+    return node;
 }
 
 XmlNode* xml_set_text(XmlNode* node, const char* text) {
@@ -311,6 +339,18 @@ XmlNode* xml_set_attr(XmlNode* node, const char* name, const char* value) {
     node->flags = static_cast<std::uint16_t>(node->flags & ~XML_DUP);
     std::size_t l = 0;
     while (node->attrs[l] != nullptr && std::strcmp(node->attrs[l], name) != 0) l += 2;
+    if (node->attrs != XML_NIL) {
+        // A list that carries its ownership string gets a separate one before
+        // it is resized.
+        std::size_t end = l;
+        while (node->attrs[end] != nullptr) end += 2;
+        if (owner_inside(node->attrs, end)) {
+            const std::size_t size = std::strlen(node->attrs[end + 1]) + 1;
+            auto* owner = static_cast<char*>(std::malloc(size));
+            std::memcpy(owner, node->attrs[end + 1], size);
+            node->attrs[end + 1] = owner;
+        }
+    }
     if (node->attrs[l] == nullptr) {
         if (value == nullptr) return node;
         char** list = nullptr;
@@ -621,7 +661,7 @@ void xml_free_attrs(char** attrs) {
         if ((byte & XML_NAME_OWNED) != 0) std::free(attrs[i]);
         if ((byte & XML_TEXT_OWNED) != 0) std::free(attrs[i + 1]);
     }
-    std::free(owner);
+    if (!owner_inside(attrs, end)) std::free(owner);
     std::free(attrs);
 }
 
@@ -665,14 +705,20 @@ void free_document_data(DocumentImpl* doc) {
     reset_links(doc);
 }
 
-void free_one(XmlNode* node) {
+bool in_pool(const DocumentImpl* doc, const XmlNode* node) {
+    const auto at = reinterpret_cast<std::uintptr_t>(node);
+    return at >= reinterpret_cast<std::uintptr_t>(doc->pool) &&
+           at < reinterpret_cast<std::uintptr_t>(doc->pool + kPoolNodes);
+}
+
+void free_one(DocumentImpl* doc, XmlNode* node) {
     if (node->parent == nullptr) {
         free_document_data(static_cast<DocumentImpl*>(static_cast<XmlDocument*>(node)));
     }
     xml_free_attrs(node->attrs);
     if ((node->flags & XML_TEXT_OWNED) != 0) std::free(node->text);
     if ((node->flags & XML_NAME_OWNED) != 0) std::free(node->name);
-    std::free(node);
+    if (!in_pool(doc, node)) std::free(node);
 }
 
 }  // namespace
@@ -680,7 +726,8 @@ void free_one(XmlNode* node) {
 void xml_free(XmlNode* node) {
     if (node == nullptr) return;
     // Positions remembered for the tree become invalid once part of it goes.
-    if (node->parent != nullptr) reset_links(document_of(node->parent));
+    DocumentImpl* doc = document_of(node);
+    if (node->parent != nullptr) reset_links(doc);
     XmlNode* const stop = node->parent;
     // Depth-first without recursion: children are detached as the walk goes
     // down, so every element is freed once all of its children are.
@@ -694,7 +741,7 @@ void xml_free(XmlNode* node) {
         }
         XmlNode* following = at->ordered;
         XmlNode* parent = at->parent;
-        free_one(at);
+        free_one(doc, at);
         if (following != nullptr) {
             at = following;
         } else if (parent != stop) {
