@@ -29,7 +29,8 @@ struct LinkIndex {
 // The allocation behind every XmlDocument: the public record followed by
 // state only this module sees. Each document carries its own copy of the
 // predefined entity table inline until a declaration makes it grow.
-inline constexpr std::size_t kPoolNodes = 6;
+inline constexpr std::size_t kPoolNodes = 4;
+inline constexpr std::size_t kListArena = 256;
 
 struct DocumentImpl : XmlDocument {
     char* inline_entities[11];
@@ -37,6 +38,9 @@ struct DocumentImpl : XmlDocument {
     // tree then costs a single allocation. Such nodes are released with it.
     XmlNode pool[kPoolNodes];
     std::size_t pool_used;
+    // Likewise the first attribute lists (see new_attr_list).
+    alignas(char*) unsigned char list_arena[kListArena];
+    std::size_t arena_used;
     LinkIndex links;
     std::size_t expansion_budget;  // bytes that entity expansion may still add
     std::size_t check_budget;      // steps the circularity check may still take
@@ -61,12 +65,20 @@ void link_node(DocumentImpl* doc, XmlNode* node, XmlNode* parent, std::size_t of
 XmlNode* new_element(DocumentImpl* doc, const char* name);
 
 // An attribute list of `pairs` pairs whose ownership string (all blanks) is
-// kept in the same block, right behind the list's last slot.
-char** new_attr_list(std::size_t pairs);
+// kept in the same block, right behind the list's last slot. A mark byte after
+// the string's terminator tells whether the block lies in the document's own
+// arena (never freed by itself) or on the heap.
+char** new_attr_list(DocumentImpl* doc, std::size_t pairs);
+inline constexpr char kListInDocument = 'd';
+inline constexpr char kListOnHeap = 'h';
+
 // Whether `list`, ending with its null entry at `end`, carries its ownership
 // string in its own block.
 inline bool owner_inside(char** list, std::size_t end) {
     return list[end + 1] == reinterpret_cast<char*>(list + end + 2);
+}
+inline bool list_in_document(char** list, std::size_t end) {
+    return owner_inside(list, end) && list[end + 1][end / 2 + 1] == kListInDocument;
 }
 // Forgets every remembered link position of the document.
 void reset_links(DocumentImpl* doc);

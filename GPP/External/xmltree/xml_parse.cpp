@@ -55,6 +55,14 @@ bool is_space(char c) {
     return kSpaceClass.member[static_cast<unsigned char>(c)];
 }
 
+// The next '<' or the terminator: short runs by hand, long ones by the library.
+char* find_markup(char* s) {
+    for (int i = 0; i < 16; ++i, ++s) {
+        if (*s == '<' || *s == '\0') return s;
+    }
+    return strchrnul(s, '<');
+}
+
 // strcmp(a, b) == 0 for the short names of tags, without a library call.
 bool same_text(const char* a, const char* b) {
     while (*a == *b) {
@@ -216,8 +224,9 @@ struct Decoder {
     }
 };
 
-// Decodes `s` (see Decoder) and returns the result, `s` itself or a heap string.
-char* decode(DocumentImpl* doc, char* s, char** table, char mode) {
+// Decodes `s` (see Decoder) and returns the result, `s` itself or a heap
+// string; `length` receives its strlen.
+char* decode(DocumentImpl* doc, char* s, char** table, char mode, std::size_t& length_out) {
     static constexpr CharSet kTextSpecial = make_set("&%\r", true);
     static constexpr CharSet kAttrSpecial = make_set("&%\t\n\v\f\r ", true);
     static constexpr CharSet kCdataSpecial = make_set("\r", true);
@@ -225,8 +234,12 @@ char* decode(DocumentImpl* doc, char* s, char** table, char mode) {
                               : mode == ' ' || mode == '*' ? kAttrSpecial
                                                            : kTextSpecial;
     char* special = scan_to(s, specials);
-    if (*special == '\0') return s;  // the common case: nothing to change
+    if (*special == '\0') {  // the common case: nothing to change
+        length_out = static_cast<std::size_t>(special - s);
+        return s;
+    }
     const std::size_t length = static_cast<std::size_t>(special - s) + normalise_line_ends(special);
+    length_out = length;
     if (mode == 'c') return s;
     if (*special == '\n' && mode != ' ' && mode != '*') {
         special = scan_to(special, specials);  // a line end that was a CR
@@ -249,6 +262,7 @@ char* decode(DocumentImpl* doc, char* s, char** table, char mode) {
         if (out != d.base && out[-1] == ' ') --out;
         *out = '\0';
     }
+    length_out = std::strlen(d.base);
     return d.base;
 }
 
@@ -294,12 +308,13 @@ struct Parser {
     std::size_t text_len;  // strlen(doc->cursor->text), kept to stay linear
 };
 
-void append_text(Parser& p, char* s, std::size_t len, char mode) {
+// `plain`: the caller saw nothing in the run that decoding would change.
+void append_text(Parser& p, char* s, std::size_t len, char mode, bool plain = false) {
     XmlNode* node = p.doc->cursor;
     if (node == nullptr || node->name == nullptr || len == 0) return;
     s[len] = '\0';
-    char* decoded = decode(p.doc, s, p.doc->entities, mode);
-    const std::size_t decoded_len = std::strlen(decoded);
+    std::size_t decoded_len = len;
+    char* decoded = plain ? s : decode(p.doc, s, p.doc->entities, mode, decoded_len);
     if (node->text[0] == '\0') {
         if ((node->flags & XML_TEXT_OWNED) != 0) std::free(node->text);
         node->flags = static_cast<std::uint16_t>(node->flags & ~XML_TEXT_OWNED);
@@ -486,7 +501,8 @@ char* attlist_declaration(DocumentImpl* doc, char* declaration, char* s) {
             s = std::strchr(value, quote);
             if (s == nullptr) break;
             *s++ = '\0';
-            value = decode(doc, value, doc->entities, marker[0]);
+            std::size_t ignored = 0;
+            value = decode(doc, value, doc->entities, marker[0], ignored);
         } else {
             break;
         }
@@ -518,7 +534,8 @@ char* entity_declaration(DocumentImpl* doc, char**& parameters, char* s) {
     while (table[used] != nullptr) used += 2;
     table = grow_table(doc, table, used);
     table[used + 2] = nullptr;
-    table[used + 1] = decode(doc, value, parameters, '%');
+    std::size_t ignored = 0;
+    table[used + 1] = decode(doc, value, parameters, '%', ignored);
     if (!entity_ok(doc, name, table[used + 1], table, used)) {
         if (!in_work_area(doc, table[used + 1])) std::free(table[used + 1]);
         set_error(doc, value, "circular entity declaration &%s", name);
@@ -669,9 +686,9 @@ struct AttrCollector {
         release();
     }
 
-    char** build() {
+    char** build(DocumentImpl* doc) {
         if (count == 0) return XML_NIL;
-        char** list = new_attr_list(count);
+        char** list = new_attr_list(doc, count);
         std::memcpy(static_cast<void*>(list), items, 2 * count * sizeof(char*));
         std::memcpy(list[2 * count + 1], owned, count);
         count = 0;
@@ -701,16 +718,26 @@ Step start_tag(Parser& p, char*& s, char end_char) {
             s = skip_over(s, kBlanksOrEquals);
             const char quote = *s;
             if (quote == '"' || quote == '\'') {
+                static constexpr CharSet kInDouble = make_set("\"&%\t\n\v\f\r ", true);
+                static constexpr CharSet kInSingle = make_set("'&%\t\n\v\f\r ", true);
+                const CharSet& stops = quote == '"' ? kInDouble : kInSingle;
                 char* value = ++s;
-                while (*s != '\0' && *s != quote) ++s;
+                bool plain = true;  // nothing in it that decoding would change
+                for (s = scan_to(s, stops); *s != quote && *s != '\0'; s = scan_to(s + 1, stops)) {
+                    plain = false;
+                }
                 if (*s == '\0') {
                     attrs.discard();
                     set_error(doc, name, "missing %c", quote);
                     return Step::failed;
                 }
                 *s++ = '\0';
-                char* decoded =
-                    decode(doc, value, doc->entities, marker_of(entry, attrs.items[2 * index]));
+                char* decoded = value;
+                if (!plain) {
+                    std::size_t ignored = 0;
+                    decoded = decode(doc, value, doc->entities,
+                                     marker_of(entry, attrs.items[2 * index]), ignored);
+                }
                 attrs.items[2 * index + 1] = decoded;
                 if (decoded != value)
                     attrs.owned[index] = static_cast<unsigned char>(XML_TEXT_OWNED);
@@ -725,14 +752,14 @@ Step start_tag(Parser& p, char*& s, char end_char) {
             set_error(doc, name, "missing >");
             return Step::failed;
         }
-        open_element(p, name, attrs.build());
+        open_element(p, name, attrs.build(p.doc));
         close_element(p, name, s);
         return Step::next;
     }
     if (*s == '>' || (*s == '\0' && end_char == '>')) {
         const char closing = *s;
         *s = '\0';
-        open_element(p, name, attrs.build());
+        open_element(p, name, attrs.build(p.doc));
         *s = closing;
         return Step::next;
     }
@@ -822,7 +849,7 @@ XmlDocument* xml_parse_string(char* buffer, std::size_t len) {
     const char end_char = s[len - 1];
     s[len - 1] = '\0';
 
-    s = strchrnul(s, '<');
+    s = find_markup(s);
     if (*s == '\0') return set_error(doc, s, "root tag missing");
 
     Parser p{doc, 0};
@@ -853,9 +880,14 @@ XmlDocument* xml_parse_string(char* buffer, std::size_t len) {
         if (*s != '<') {
             if (*s == '\0') break;
             char* data = s;
-            s = strchrnul(s, '<');
+            static constexpr CharSet kTextStops = make_set("<&%\r", true);
+            bool plain = true;
+            for (s = scan_to(s, kTextStops); *s != '<' && *s != '\0';
+                 s = scan_to(s + 1, kTextStops)) {
+                plain = false;
+            }
             if (*s == '\0') break;
-            append_text(p, data, static_cast<std::size_t>(s - data), '&');
+            append_text(p, data, static_cast<std::size_t>(s - data), '&', plain);
         }
     }
 

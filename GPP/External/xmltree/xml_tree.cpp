@@ -67,12 +67,23 @@ XmlNode* new_element(DocumentImpl* doc, const char* name) {
     return node;
 }
 
-char** new_attr_list(std::size_t pairs) {
+char** new_attr_list(DocumentImpl* doc, std::size_t pairs) {
     const std::size_t slots = 2 * pairs + 2;
-    auto* list = static_cast<char**>(std::malloc(slots * sizeof(char*) + pairs + 1));
+    const std::size_t size =
+        (slots * sizeof(char*) + pairs + 2 + sizeof(char*) - 1) & ~(sizeof(char*) - 1);
+    char** list = nullptr;
+    char mark = kListOnHeap;
+    if (doc->arena_used + size <= kListArena) {
+        list = reinterpret_cast<char**>(doc->list_arena + doc->arena_used);
+        doc->arena_used += size;
+        mark = kListInDocument;
+    } else {
+        list = static_cast<char**>(std::malloc(size));
+    }
     auto* owner = reinterpret_cast<char*>(list + slots);
     std::memset(owner, ' ', pairs);
     owner[pairs] = '\0';
+    owner[pairs + 1] = mark;
     list[2 * pairs] = nullptr;
     list[2 * pairs + 1] = owner;
     return list;
@@ -294,14 +305,23 @@ void link_node(DocumentImpl* doc, XmlNode* node, XmlNode* parent, std::size_t of
 // Building.
 
 XmlDocument* xml_new(const char* name) {
+    // Every field is set here; the error text only needs its terminator.
     auto* doc = static_cast<DocumentImpl*>(std::malloc(sizeof(DocumentImpl)));
-    *static_cast<XmlDocument*>(doc) = XmlDocument{};
-    doc->links = LinkIndex{nullptr, 0, 0};
-    doc->pool_used = 0;
+    *static_cast<XmlNode*>(doc) = XmlNode{};
     doc->name = const_cast<char*>(name);
     doc->attrs = XML_NIL;
     doc->text = kEmptyText;
     doc->cursor = doc;
+    doc->buffer = nullptr;
+    doc->buffer_len = 0;
+    doc->utf8_copy = nullptr;
+    doc->work_start = nullptr;
+    doc->work_end = nullptr;
+    doc->standalone = 0;
+    doc->error[0] = '\0';
+    doc->links = LinkIndex{nullptr, 0, 0};
+    doc->pool_used = 0;
+    doc->arena_used = 0;
     std::memcpy(doc->inline_entities, predefined_entities, sizeof(predefined_entities));
     doc->entities = doc->inline_entities;
     doc->attr_defaults = reinterpret_cast<char***>(XML_NIL);
@@ -340,15 +360,21 @@ XmlNode* xml_set_attr(XmlNode* node, const char* name, const char* value) {
     std::size_t l = 0;
     while (node->attrs[l] != nullptr && std::strcmp(node->attrs[l], name) != 0) l += 2;
     if (node->attrs != XML_NIL) {
-        // A list that carries its ownership string gets a separate one before
-        // it is resized.
+        // A list made in one block by the parser becomes a plain heap list
+        // with a separate ownership string before it is changed.
         std::size_t end = l;
         while (node->attrs[end] != nullptr) end += 2;
         if (owner_inside(node->attrs, end)) {
-            const std::size_t size = std::strlen(node->attrs[end + 1]) + 1;
+            char** old = node->attrs;
+            const std::size_t size = end / 2 + 1;
             auto* owner = static_cast<char*>(std::malloc(size));
-            std::memcpy(owner, node->attrs[end + 1], size);
-            node->attrs[end + 1] = owner;
+            std::memcpy(owner, old[end + 1], size);
+            auto* list = static_cast<char**>(std::malloc((end + 2) * sizeof(char*)));
+            std::memcpy(static_cast<void*>(list), old, end * sizeof(char*));
+            list[end] = nullptr;
+            list[end + 1] = owner;
+            if (!list_in_document(old, end)) std::free(static_cast<void*>(old));
+            node->attrs = list;
         }
     }
     if (node->attrs[l] == nullptr) {
@@ -661,8 +687,9 @@ void xml_free_attrs(char** attrs) {
         if ((byte & XML_NAME_OWNED) != 0) std::free(attrs[i]);
         if ((byte & XML_TEXT_OWNED) != 0) std::free(attrs[i + 1]);
     }
+    if (list_in_document(attrs, end)) return;
     if (!owner_inside(attrs, end)) std::free(owner);
-    std::free(attrs);
+    std::free(static_cast<void*>(attrs));
 }
 
 namespace {
