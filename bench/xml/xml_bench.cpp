@@ -60,10 +60,14 @@ const std::string& text_heavy() {
 
 const std::string& input(int which) {
     switch (which) {
-        case 0: return response_message();
-        case 1: return notify_message();
-        case 2: return many_elements();
-        default: return text_heavy();
+        case 0:
+            return response_message();
+        case 1:
+            return notify_message();
+        case 2:
+            return many_elements();
+        default:
+            return text_heavy();
     }
 }
 

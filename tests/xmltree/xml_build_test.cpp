@@ -199,6 +199,55 @@ TEST(XmlAttributes, DuplicatesAndLookupOrder) {
     p.root()->attrs = list;
 }
 
+TEST(XmlAttributes, EditingParsedLists) {
+    // Lists made by the parser come in several storage forms; every one of
+    // them must take edits and be freed once.
+    std::string text = "<r a='1' b='&lt;2'>";
+    for (int i = 0; i < 12; ++i) {
+        const std::string n = std::to_string(i);
+        text += "<e";
+        text += n;
+        text += " x='";
+        text += n;
+        text += "' y='&amp;'/>";
+    }
+    text += "<many";
+    for (int i = 0; i < 40; ++i) {
+        const std::string n = std::to_string(i);
+        text += " k";
+        text += n;
+        text += "='";
+        text += n;
+        text += "'";
+    }
+    text += "/></r>";
+    Parsed p = parse_text(text);
+    ASSERT_EQ(p.error(), "");
+    XmlNode* r = p.root();
+    xml_set_attr(r, "c", "3");
+    xml_set_attr(r, "b", nullptr);
+    EXPECT_STREQ(xml_attr(r, "a"), "1");
+    EXPECT_EQ(xml_attr(r, "b"), nullptr);
+    EXPECT_STREQ(xml_attr(r, "c"), "3");
+    for (int i = 0; i < 12; ++i) {
+        std::string name = "e";
+        name += std::to_string(i);
+        XmlNode* e = xml_child(r, name.c_str());
+        ASSERT_NE(e, nullptr);
+        EXPECT_STREQ(xml_attr(e, "y"), "&");
+        if (i % 2 == 0) xml_set_attr(e, "y", "plain");
+        if (i % 3 == 0) xml_set_attr(e, "x", nullptr);
+    }
+    XmlNode* many = xml_child(r, "many");
+    ASSERT_NE(many, nullptr);
+    EXPECT_STREQ(xml_attr(many, "k39"), "39");
+    xml_set_attr(many, "k0", nullptr);
+    EXPECT_STREQ(xml_attr(many, "k1"), "1");
+    EXPECT_EQ(render(xml_child(r, "e0")), "<e0 y=\"plain\"></e0>");
+    EXPECT_EQ(render(xml_child(r, "e1")), "<e1 x=\"1\" y=\"&amp;\"></e1>");
+    EXPECT_EQ(render(r).rfind("<r a=\"1\" c=\"3\"><e0 ", 0), 0U);
+}
+
 TEST(XmlFree, WholeDocumentsAndSubtrees) {
     // A built document with owned strings everywhere frees cleanly (the
     // sanitizer build checks leaks and double frees).
@@ -225,6 +274,15 @@ TEST(XmlFree, WholeDocumentsAndSubtrees) {
     XmlNode* more = xml_add_child(doc, "c", 100);  // linking still works afterwards
     EXPECT_EQ(keep->ordered, more);
     xml_free(doc);
+
+    // The same for the first elements of a parsed document.
+    Parsed p = parse_text("<r><a k='1'/><b k='&lt;'>x&amp;y</b><c/></r>");
+    XmlNode* a = p.root()->child;
+    XmlNode* b = a->ordered;
+    a->ordered = nullptr;
+    a->sibling = nullptr;
+    xml_free(b);
+    EXPECT_EQ(render(p.root()), "<r><a k=\"1\"></a></r>");
 }
 
 }  // namespace

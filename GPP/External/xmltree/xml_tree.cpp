@@ -357,6 +357,7 @@ XmlNode* xml_set_attr(XmlNode* node, const char* name, const char* value) {
     if (node == nullptr) return nullptr;
     const bool dup = (node->flags & XML_DUP) != 0;
     node->flags = static_cast<std::uint16_t>(node->flags & ~XML_DUP);
+    if (node->attrs == nullptr) node->attrs = XML_NIL;
     std::size_t l = 0;
     while (node->attrs[l] != nullptr && std::strcmp(node->attrs[l], name) != 0) l += 2;
     if (node->attrs != XML_NIL) {
