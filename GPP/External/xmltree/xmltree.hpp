@@ -37,17 +37,17 @@ struct XmlNode {
 // A whole document. It begins with its root element, so a document pointer
 // converts to the root node's pointer (and a parentless node is a document).
 struct XmlDocument : XmlNode {
-    XmlNode* cursor;           // insertion point while parsing; null once the root closed
-    char* buffer;              // the parsed text
-    std::size_t buffer_len;    // 0: caller owns buffer; all ones: the document does
-    char* utf8_copy;           // UTF-8 conversion of a UTF-16 input, or null
-    char* work_start;          // bounds of the parsed text: strings inside are never
-    char* work_end;            //   freed one by one
-    char** entities;           // name; replacement; ...; null
-    char*** attr_defaults;     // per ATTLIST: element, (attr, default, marker)..., null
-    char*** instructions;      // per target: target, data..., null, position string
-    std::uint16_t standalone;  // 1 after standalone="yes"
-    char error[XML_ERROR_LEN]; // "" when the parse succeeded
+    XmlNode* cursor;            // insertion point while parsing; null once the root closed
+    char* buffer;               // the parsed text
+    std::size_t buffer_len;     // 0: caller owns buffer; all ones: the document does
+    char* utf8_copy;            // UTF-8 conversion of a UTF-16 input, or null
+    char* work_start;           // bounds of the parsed text: strings inside are never
+    char* work_end;             //   freed one by one
+    char** entities;            // name; replacement; ...; null
+    char*** attr_defaults;      // per ATTLIST: element, (attr, default, marker)..., null
+    char*** instructions;       // per target: target, data..., null, position string
+    std::uint16_t standalone;   // 1 after standalone="yes"
+    char error[XML_ERROR_LEN];  // "" when the parse succeeded
 };
 
 // One step of xml_path_get: the index-th element named `name`.
