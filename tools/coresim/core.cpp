@@ -184,9 +184,9 @@ bool parse_number(const std::string& text, SettingKind kind, double& out) {
     return errno == 0 && end != nullptr && *end == '\0';
 }
 
-const SettingSpec* spec_for(std::string_view key) {
-    for (const SettingSpec& spec : coresim_settings())
-        if (key == spec.key) return &spec;
+const SettingRow* row_for(std::string_view key) {
+    for (const SettingRow& row : coresim_settings())
+        if (key == row.key) return &row;
     return nullptr;
 }
 
@@ -259,7 +259,7 @@ Core::Core() {
     for (const PropertyNameMap* row = property_name_map; row->key != nullptr && row->key[0] != '\0';
          ++row)
         settings_.emplace(row->key, "0");
-    for (const SettingSpec& spec : coresim_settings()) settings_[spec.key] = spec.default_value;
+    for (const SettingRow& row : coresim_settings()) settings_[row.key] = row.default_value;
     for (const char* line : LINES) calls_[line] = CallState{};
 }
 
@@ -363,7 +363,7 @@ Core::Reply Core::handle_setting(const Request& request, std::vector<Change>& ch
         reply.values = {{"", it->second}};
         return reply;
     }
-    const SettingSpec* spec = spec_for(key);
+    const SettingRow* row = row_for(key);
     std::string value = param_value(request);
     if (request.action == "increment" || request.action == "decrement") {
         const auto steps = coresim_camera_steps();
@@ -382,9 +382,9 @@ Core::Reply Core::handle_setting(const Request& request, std::vector<Change>& ch
                               ? std::min(cur + step->step, std::max(cur, lim))
                               : std::max(cur - step->step, std::min(cur, lim));
         value = std::to_string(next);
-    } else if (spec != nullptr && spec->kind != SettingKind::text) {
+    } else if (row != nullptr && row->kind != SettingKind::text) {
         double number = 0;
-        if (!parse_number(value, spec->kind, number) || number < spec->min || number > spec->max) {
+        if (!parse_number(value, row->kind, number) || number < row->min || number > row->max) {
             reply.values = {{"", "error out of range"}};
             return reply;
         }

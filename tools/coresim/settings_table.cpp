@@ -4,7 +4,7 @@ namespace {
 
 using K = SettingKind;
 
-constexpr SettingSpec settings[] = {
+constexpr SettingRow settings[] = {
     // audio
     {"audio.speaker-volume", "9", K::integer, 1, 18},
     {"audio.def-speaker-volume", "9", K::integer, 1, 18},
@@ -160,7 +160,7 @@ constexpr CameraStep camera_steps[] = {
 
 }  // namespace
 
-std::span<const SettingSpec> coresim_settings() {
+std::span<const SettingRow> coresim_settings() {
     return settings;
 }
 std::span<const CameraStep> coresim_camera_steps() {

@@ -6,7 +6,7 @@
 
 enum class SettingKind { text, integer, real };
 
-struct SettingSpec {
+struct SettingRow {
     const char* key;            // full property key
     const char* default_value;  // what the device reports after a factory reset
     SettingKind kind;
@@ -16,7 +16,7 @@ struct SettingSpec {
 
 // Settings with a known default or range. Every other key of the property
 // name map starts as "0" and takes any text.
-std::span<const SettingSpec> coresim_settings();
+std::span<const SettingRow> coresim_settings();
 
 // Camera moves: increment/decrement step toward the limit the request names.
 struct CameraStep {
