@@ -17,6 +17,10 @@ set(TX_TARGET_PREFIX /usr/${TX_TARGET_TRIPLET})
 set(CMAKE_C_COMPILER ${TX_TARGET_TRIPLET}-gcc)
 set(CMAKE_CXX_COMPILER ${TX_TARGET_TRIPLET}-g++)
 set(CMAKE_LIBRARY_ARCHITECTURE ${TX_TARGET_TRIPLET})
+# 64-bit file offsets and inode numbers: without them the 32-bit readdir and
+# stat fail with EOVERFLOW on file systems whose values do not fit in 32 bits.
+set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
 
 # Target files are looked up under the cross prefix and in the multiarch
 # directories of the host tree ("/" as the second root, with the library
