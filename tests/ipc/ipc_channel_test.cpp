@@ -23,16 +23,6 @@
 
 namespace {
 
-// The queue record as peers built elsewhere lay it out: the type, then the
-// 516-byte payload (word and text) that every queue call is given.
-TEST(IpcMessageLayout, TypeThenWordThenText) {
-    EXPECT_EQ(IPC_PAYLOAD_LEN, 516u);
-    EXPECT_EQ(offsetof(IpcMessage, word), sizeof(long));
-    EXPECT_EQ(offsetof(IpcMessage, text), sizeof(long) + 4);
-    const std::size_t unpadded = sizeof(long) + 4 + 512;
-    EXPECT_EQ(sizeof(IpcMessage), (unpadded + alignof(long) - 1) / alignof(long) * alignof(long));
-}
-
 long queued_messages(int id) {
     msqid_ds info{};
     if (msgctl(id, IPC_STAT, &info) != 0) return -1;
