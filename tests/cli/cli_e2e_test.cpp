@@ -3,6 +3,7 @@
 // every other process started here handles SIGUSR2 or is the client itself.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -22,6 +23,8 @@
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include "tests/target_command.hpp"
 
 extern char** environ;
 
@@ -172,7 +175,7 @@ class Peer {
         const int fd = open(record_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
         fchmod(fd, 0666);
         close(fd);
-        std::vector<std::string> argv = {PEER_BINARY, record_};
+        std::vector<std::string> argv = tx::test::target_command({PEER_BINARY, record_});
         argv.insert(argv.end(), replies.begin(), replies.end());
         pid_ = spawn(as_user(uid, argv), -1, record_ + ".out", {});
         ready_ = wait_until([&] { return read_file(record_).starts_with("READY\n"); }, 5s);
@@ -221,6 +224,7 @@ class Cli {
         EXPECT_EQ(pipe2(fds, O_CLOEXEC), 0);
         std::vector<std::string> argv = {CLI_BINARY};
         argv.insert(argv.end(), args.begin(), args.end());
+        argv = tx::test::target_command(argv);
         std::vector<std::string> env = {"HOME=" + home_};
         if (log_calls) {
             const char* asan = std::getenv("ASAN_OPTIONS");
@@ -229,7 +233,7 @@ class Cli {
             env.push_back(std::string("ASAN_OPTIONS=") + (asan != nullptr ? asan : "") +
                           ":verify_asan_link_order=0");
         }
-        pid_ = spawn(as_user(uid, argv), fds[0], out_, env);
+        pid_ = spawn(as_user(uid, argv), fds[0], out_, tx::test::target_environment(env));
         close(fds[0]);
         input_ = fds[1];
         write_input(input);

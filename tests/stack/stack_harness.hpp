@@ -2,6 +2,8 @@
 // as the sandbox's first process.
 #pragma once
 
+#include "tests/target_command.hpp"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -205,7 +207,7 @@ inline void prepare_environment() {
 
 inline std::unique_ptr<Process> start_coresim(const std::vector<std::string>& options = {}) {
     unlink("/tmp/coresim.log");
-    std::vector<std::string> argv{bin("coresim"), "-v"};
+    std::vector<std::string> argv = tx::test::target_command({bin("coresim"), "-v"});
     argv.insert(argv.end(), options.begin(), options.end());
     auto p = std::make_unique<Process>(argv, false, "/tmp/coresim.log");
     wait_until(
@@ -215,7 +217,7 @@ inline std::unique_ptr<Process> start_coresim(const std::vector<std::string>& op
 }
 
 inline std::unique_ptr<Process> start_cliconn() {
-    auto p = std::make_unique<Process>(std::vector<std::string>{bin("cliconn")}, false,
+    auto p = std::make_unique<Process>(tx::test::target_command({bin("cliconn")}), false,
                                        "/tmp/cliconn.log");
     wait_until(
         [] { return queue_exists("/tmp/cli_in_token") && queue_exists("/tmp/cli_out_token"); },
@@ -224,7 +226,7 @@ inline std::unique_ptr<Process> start_cliconn() {
 }
 
 inline std::unique_ptr<Process> start_cgiconn() {
-    auto p = std::make_unique<Process>(std::vector<std::string>{bin("cgiconn")}, false,
+    auto p = std::make_unique<Process>(tx::test::target_command({bin("cgiconn")}), false,
                                        "/tmp/cgiconn.log");
     wait_until(
         [] { return queue_exists("/tmp/cgi_in_token") && queue_exists("/tmp/cgi_out_token"); },
@@ -235,8 +237,11 @@ inline std::unique_ptr<Process> start_cgiconn() {
 // cli's own diagnostics go through stdio, which buffers them fully on a pipe;
 // stdbuf makes them show up when they are printed.
 inline std::vector<std::string> cli_command() {
-    if (access("/usr/bin/stdbuf", X_OK) == 0) return {"/usr/bin/stdbuf", "-o0", bin("cli")};
-    return {bin("cli")};
+    std::vector<std::string> cli = tx::test::target_command({bin("cli")});
+    cli.insert(cli.begin(),
+               {"/usr/bin/env",
+                tx::test::target_environment({"LD_PRELOAD=" UNBUFFERED_STDOUT}).front()});
+    return cli;
 }
 
 inline std::unique_ptr<Process> interactive_cli(const std::vector<std::string>& options = {}) {
