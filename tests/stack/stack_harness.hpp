@@ -238,7 +238,8 @@ inline void prepare_environment() {
         const char* current = std::getenv(name);
         std::string options = current != nullptr && current[0] != '\0' ? current : "";
         if (options.find("log_path=") != std::string::npos) continue;
-        options += (options.empty() ? "" : ":") + std::string("log_path=") + kReportPrefix;
+        if (!options.empty()) options += ':';
+        options.append("log_path=").append(kReportPrefix);
         // cli's SIGINT/SIGTERM handler looks up the connector and exits from
         // signal context on purpose.
         if (std::string_view(name) == "TSAN_OPTIONS") options += ":report_signal_unsafe=0";
