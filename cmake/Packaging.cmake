@@ -49,6 +49,11 @@ if(tx_generate_reference)
   list(APPEND tx_man_pages ${tx_man_dir}/cli.1)
 endif()
 add_custom_target(man_pages ALL DEPENDS ${tx_man_pages})
+if(tx_generate_reference AND TX_BUILD_TESTS AND NOT CMAKE_CROSSCOMPILING)
+  add_test(NAME man_page_lists_every_command
+    COMMAND sh ${PROJECT_SOURCE_DIR}/tests/man/check_man_page.sh $<TARGET_FILE:cli-commands>
+            ${tx_man_dir}/cli.1)
+endif()
 if(tx_generate_reference)
   install(FILES ${tx_man_dir}/cli.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
