@@ -2,8 +2,7 @@
 // as the sandbox's first process.
 #pragma once
 
-#include "tests/target_command.hpp"
-
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -22,8 +21,11 @@
 #include <mutex>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
+
+#include "tests/target_command.hpp"
 
 namespace stack {
 
@@ -189,17 +191,63 @@ inline long queue_depth(const char* token) {
     return static_cast<long>(ds.msg_qnum);
 }
 
+inline constexpr const char* kReportDir = "/tmp";
+inline constexpr const char* kReportPrefix = "/tmp/sanitizer-report";
+
+inline std::vector<std::string> sanitizer_report_files() {
+    std::vector<std::string> files;
+    if (DIR* dir = opendir(kReportDir)) {
+        while (const dirent* entry = readdir(dir)) {
+            const std::string name = entry->d_name;
+            if (name.starts_with("sanitizer-report"))
+                files.push_back(std::string(kReportDir) + "/" + name);
+        }
+        closedir(dir);
+    }
+    return files;
+}
+
+inline void remove_sanitizer_report_files() {
+    for (const std::string& file : sanitizer_report_files()) unlink(file.c_str());
+}
+
+// What the stack's processes (cli included) reported so far.
+inline std::string sanitizer_report_texts() {
+    std::string texts;
+    for (const std::string& file : sanitizer_report_files()) {
+        std::ifstream in(file);
+        std::stringstream s;
+        s << in.rdbuf();
+        texts += file + ":\n" + s.str().substr(0, 4000);
+    }
+    return texts;
+}
+
 // The environment every stack process runs in: voice features enabled, home
 // and history inside the sandbox's /tmp.
 inline void prepare_environment() {
     std::ofstream("/tmp/cmdline") << "console=ttyS0 voip_capable=1\n";
     setenv("PLATFORM_CMDLINE", "/tmp/cmdline", 1);
     setenv("HOME", "/tmp", 1);
-    // stdbuf preloads its library ahead of the sanitizer runtime of a
-    // sanitized cli, which the runtime refuses by default.
+    // The unbuffering library is preloaded ahead of the sanitizer runtime of
+    // a sanitized cli, which the runtime refuses by default.
     std::string asan = std::getenv("ASAN_OPTIONS") != nullptr ? std::getenv("ASAN_OPTIONS") : "";
     setenv("ASAN_OPTIONS",
            (asan.empty() ? "" : asan + ":").append("verify_asan_link_order=0").c_str(), 1);
+    // Every child's sanitizer reports land in files of their own, whatever
+    // the child does with its standard error.
+    for (const char* name : {"ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"}) {
+        const char* current = std::getenv(name);
+        std::string options = current != nullptr && current[0] != '\0' ? current : "";
+        if (options.find("log_path=") != std::string::npos) continue;
+        if (!options.empty()) options += ':';
+        options.append("log_path=").append(kReportPrefix);
+        // cli's SIGINT/SIGTERM handler looks up the connector and exits from
+        // signal context on purpose.
+        if (std::string_view(name) == "TSAN_OPTIONS") options += ":report_signal_unsafe=0";
+        setenv(name, options.c_str(), 1);
+    }
+    remove_sanitizer_report_files();
     signal(SIGPIPE, SIG_IGN);
     for (const char* log : {"/tmp/coresim.log", "/tmp/cliconn.log", "/tmp/cgiconn.log"})
         unlink(log);
@@ -235,7 +283,7 @@ inline std::unique_ptr<Process> start_cgiconn() {
 }
 
 // cli's own diagnostics go through stdio, which buffers them fully on a pipe;
-// stdbuf makes them show up when they are printed.
+// a preloaded library unbuffers them so they show up when they are printed.
 inline std::vector<std::string> cli_command() {
     std::vector<std::string> cli = tx::test::target_command({bin("cli")});
     cli.insert(cli.begin(),

@@ -29,6 +29,7 @@ class CliStack : public ::testing::Test {
         coresim.reset();
         EXPECT_EQ(sanitizer_reports("/tmp/cliconn.log"), "");
         EXPECT_EQ(sanitizer_reports("/tmp/coresim.log"), "");
+        EXPECT_EQ(sanitizer_report_texts(), "");
     }
 };
 
@@ -222,6 +223,7 @@ class CgiStack : public ::testing::Test {
         coresim.reset();
         EXPECT_EQ(sanitizer_reports("/tmp/cgiconn.log"), "");
         EXPECT_EQ(sanitizer_reports("/tmp/coresim.log"), "");
+        EXPECT_EQ(sanitizer_report_texts(), "");
     }
 };
 

@@ -8,6 +8,9 @@
 //   cli-commands --markdown --check FILE
 //                                    exit status 1 when FILE differs from
 //                                    the reference the table gives now
+//   cli-commands --man [--output FILE]
+//                                    the reference as the roff body of the
+//                                    manual page's COMMANDS section
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -139,8 +142,44 @@ void print_markdown(std::ostream& out) {
     }
 }
 
+// Roff text: backslashes shown as themselves, hyphens as the minus sign that
+// can be copied back to a terminal, and no line that starts a request.
+std::string roff(std::string_view plain) {
+    std::string out;
+    if (!plain.empty() && (plain.front() == '.' || plain.front() == '\'')) out += "\\&";
+    for (char c : plain) {
+        if (c == '\\') {
+            out += "\\e";
+        } else if (c == '-') {
+            out += "\\-";
+        } else {
+            out += c;
+        }
+    }
+    return out;
+}
+
+void print_man(std::ostream& out) {
+    out << ".\\\" Generated from the command table by cli-commands --man.\n";
+    for (const topic& t : topics) {
+        std::ostringstream body;
+        for (int row = 0; command_table[row].handler != nullptr; ++row) {
+            const command_entry& entry = command_table[row];
+            if (entry.category != t.category) continue;
+            std::string_view syntax;
+            std::string_view description;
+            split_help(entry.help != nullptr ? entry.help : "", syntax, description);
+            body << ".TP\n\\fB" << roff(syntax) << "\\fR\n" << roff(description) << '\n';
+        }
+        if (body.str().empty()) continue;
+        out << ".SS \"" << t.title << " (category " << t.category << ", " << t.who << ")\"\n"
+            << body.str();
+    }
+}
+
 int usage() {
-    std::cerr << "usage: cli-commands [--markdown [--output FILE | --check FILE]]\n";
+    std::cerr << "usage: cli-commands [--markdown [--output FILE | --check FILE] |"
+                 " --man [--output FILE]]\n";
     return 2;
 }
 
@@ -148,19 +187,24 @@ int usage() {
 
 int main(int argc, char** argv) {
     bool markdown = false;
+    bool man = false;
     std::string output;
     std::string check;
     for (int i = 1; i < argc; ++i) {
         const std::string_view arg = argv[i];
         if (arg == "--markdown") {
             markdown = true;
+        } else if (arg == "--man") {
+            man = true;
         } else if ((arg == "--output" || arg == "--check") && i + 1 < argc) {
             (arg == "--output" ? output : check) = argv[++i];
         } else {
             return usage();
         }
     }
-    if (!markdown) {
+    if (markdown && man) return usage();
+    if (man && !check.empty()) return usage();
+    if (!markdown && !man) {
         if (!output.empty() || !check.empty()) return usage();
         print_rows(std::cout);
         return std::cout.good() ? 0 : 1;
@@ -168,7 +212,11 @@ int main(int argc, char** argv) {
     if (!output.empty() && !check.empty()) return usage();
 
     std::ostringstream text;
-    print_markdown(text);
+    if (man) {
+        print_man(text);
+    } else {
+        print_markdown(text);
+    }
     if (!check.empty()) {
         std::ifstream in(check, std::ios::binary);
         if (!in) {
