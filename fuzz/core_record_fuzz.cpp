@@ -172,7 +172,8 @@ void render_line(std::uint8_t control, std::string_view record) {
     }
 }
 
-// Each message: one byte picks the client, one byte the text length.
+// Each message: one byte picks the client, one byte the text length. Every
+// message also goes through the CGI connector's forward.
 void client_messages(std::string_view input) {
     cli_reset_sessions(&cli);
     constexpr long kPids[] = {0, -1, 201, 202, 203, 204, 205, 206};
@@ -195,6 +196,13 @@ void client_messages(std::string_view input) {
                 std::abort();
             }
         } else if (transport.sent.size() != sent_before) {
+            std::abort();
+        }
+        // The CGI connector forwards every message, wrapped, to the core.
+        const std::size_t written_before = transport.written.size();
+        if (cgi_handle_client_message(&cgi, message) != 0 ||
+            transport.written.size() != written_before + 1 ||
+            !transport.written.back().starts_with("<client_request client_id=\"CGI\"")) {
             std::abort();
         }
         // No pid holds two sessions.
