@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "GPP/Connectors/bin_serialization.hpp"
+#include "GPP/Connectors/client_receiver.hpp"
 #include "GPP/Connectors/queue.hpp"
 #include "GPP/Connectors/request_record.hpp"
 #include "OSAL/fixed_text.hpp"
@@ -202,14 +203,7 @@ int cgi_monitor_pass(CgiConnector* connector) {
 }
 
 void* cgi_client_receiver(void* arg) {
-    auto* connector = static_cast<CgiConnector*>(arg);
-    IpcMessage message{};
-    for (;;) {
-        std::memset(&message, 0, sizeof message);
-        if (!connector->channel->receive(connector->channel, &message, 0)) break;
-        connector->handle_client_message(connector, message);
-    }
-    return nullptr;
+    return connector_client_receiver<CgiConnector>(arg);
 }
 
 void* cgi_core_reader(void* arg) {

@@ -10,6 +10,7 @@
 #include <ctime>
 #include <string>
 
+#include "GPP/Connectors/client_receiver.hpp"
 #include "GPP/Connectors/xml_messages.hpp"
 #include "GPP/External/xmltree/xmltree.hpp"
 #include "OSAL/fixed_text.hpp"
@@ -188,14 +189,7 @@ void cli_reset_sessions(CliConnector* connector) {
 }
 
 void* cli_client_receiver(void* arg) {
-    auto* connector = static_cast<CliConnector*>(arg);
-    IpcMessage message{};
-    for (;;) {
-        std::memset(&message, 0, sizeof message);
-        if (!connector->channel->receive(connector->channel, &message, 0)) break;
-        connector->handle_client_message(connector, message);
-    }
-    return nullptr;
+    return connector_client_receiver<CliConnector>(arg);
 }
 
 void* cli_session_monitor(void* arg) {

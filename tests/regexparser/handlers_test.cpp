@@ -1,5 +1,4 @@
 // Each handler family's record, the VoIP gates and the refusals.
-#include <random>
 #include <string>
 
 #include "test_support.hpp"
@@ -390,67 +389,6 @@ TEST(Handlers, OverlongTokensAreCutToTheirFields) {
             "set systemname \"" + std::string(200, 'a') + " " + std::string(200, 'b') + "\"")
             .record;
     EXPECT_EQ(text(r.values.single), std::string(200, 'a') + " " + std::string(119, 'b'));
-}
-
-// Every handler over lines of arbitrary bytes: no crash, every field stays
-// terminated within its capacity.
-TEST(Handlers, SurviveArbitraryLines) {
-    const FakeCmdline cmdline(kNoVoip);
-    const command_handler handlers[] = {
-        handle_get,
-        handle_get_voip,
-        handle_set,
-        handle_set_voip,
-        handle_set_plain,
-        handle_set_as_report,
-        handle_set_multi,
-        handle_line_value,
-        handle_mic_report,
-        handle_mic_get,
-        handle_line_get,
-        handle_reset_setting,
-        handle_call_info_report,
-        handle_call_action,
-        handle_dial,
-        handle_swap,
-        handle_transfer,
-        handle_join,
-        handle_source_target,
-        handle_property_value,
-        handle_property_only,
-        handle_single_arg,
-        handle_word_only,
-        handle_regnotify,
-        handle_cam_decrement,
-        handle_cam_increment,
-    };
-    std::mt19937 rng(416);
-    static const char kAlphabet[] = "  \"\"ch123usbt\x01\xff\0=<&>'x";
-    const std::string_view alphabet(kAlphabet, sizeof kAlphabet - 1);
-    for (int round = 0; round < 300; ++round) {
-        std::string line(rng() % 501, ' ');
-        for (char& c : line) {
-            c = alphabet[rng() % alphabet.size()];
-        }
-        if (round % 3 == 0) {
-            line.insert(0, "set ch ");
-        }
-        for (command_handler h : handlers) {
-            const auto r = run(h, line).record;
-            EXPECT_LT(strnlen(r.action, sizeof r.action), sizeof r.action);
-            EXPECT_LT(strnlen(r.property, sizeof r.property), sizeof r.property);
-            EXPECT_LT(strnlen(r.target, sizeof r.target), sizeof r.target);
-            EXPECT_LE(r.value_mode, REQUEST_MODE_LIST);
-        }
-    }
-    // Null records and lines are ignored.
-    for (command_handler h : handlers) {
-        h(nullptr, 0, nullptr, nullptr);
-        RequestRecord r{};
-        testing::internal::CaptureStdout();
-        h(nullptr, 0, &r, nullptr);
-        testing::internal::GetCapturedStdout();
-    }
 }
 
 }  // namespace
