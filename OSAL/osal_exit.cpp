@@ -6,8 +6,8 @@
 #include <csignal>
 #include <ctime>
 
-#include "OSAL/osal.hpp"
-#include "OSAL/osal_report.hpp"
+#include "osal.hpp"
+#include "osal_report.hpp"
 
 namespace {
 

@@ -4,8 +4,8 @@
 
 #include <atomic>
 
-#include "OSAL/osal.hpp"
-#include "OSAL/osal_report.hpp"
+#include "osal.hpp"
+#include "osal_report.hpp"
 
 namespace {
 

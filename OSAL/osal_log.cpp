@@ -6,7 +6,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "OSAL/osal.hpp"
+#include "osal.hpp"
 
 namespace {
 

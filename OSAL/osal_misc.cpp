@@ -5,7 +5,7 @@
 #include <ctime>
 #include <new>
 
-#include "OSAL/osal.hpp"
+#include "osal.hpp"
 
 void osal_sleep_ms(unsigned ms) {
     usleep(static_cast<useconds_t>(ms) * 1000U);

@@ -9,8 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
-#include "OSAL/osal.hpp"
-#include "OSAL/osal_report.hpp"
+#include "osal.hpp"
+#include "osal_report.hpp"
 
 namespace {
 

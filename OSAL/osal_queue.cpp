@@ -5,8 +5,8 @@
 #include <array>
 #include <cstdio>
 
-#include "OSAL/osal.hpp"
-#include "OSAL/osal_report.hpp"
+#include "osal.hpp"
+#include "osal_report.hpp"
 
 namespace {
 constexpr const char* kSource = "osal_queue";

@@ -3,7 +3,7 @@
 
 #include <unistd.h>
 
-#include "OSAL/osal.hpp"
+#include "osal.hpp"
 
 namespace osal_detail {
 

@@ -1,7 +1,7 @@
 #include <sys/select.h>
 
-#include "OSAL/osal.hpp"
-#include "OSAL/osal_report.hpp"
+#include "osal.hpp"
+#include "osal_report.hpp"
 
 namespace {
 constexpr const char* kSource = "osal_select";

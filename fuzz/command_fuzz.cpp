@@ -9,9 +9,9 @@
 #include <cstdio>
 #include <string>
 
-#include "GPP/Connectors/request_record.hpp"
-#include "GPP/RegexParser/matcher_detail.hpp"
-#include "GPP/RegexParser/regexparser.hpp"
+#include "matcher_detail.hpp"
+#include "regexparser.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

@@ -14,9 +14,9 @@
 #include <string_view>
 #include <vector>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/Connectors/request_record.hpp"
-#include "GPP/Connectors/xml_messages.hpp"
+#include "ipc_channel.hpp"
+#include "request_record.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

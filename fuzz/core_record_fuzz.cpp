@@ -16,11 +16,11 @@
 #include <string_view>
 #include <vector>
 
-#include "GPP/Connectors/cgi_connector.hpp"
-#include "GPP/Connectors/cli_connector.hpp"
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/Connectors/xml_messages.hpp"
-#include "OSAL/osal.hpp"
+#include "cgi_connector.hpp"
+#include "cli_connector.hpp"
+#include "ipc_channel.hpp"
+#include "osal.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

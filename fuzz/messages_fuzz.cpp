@@ -11,8 +11,8 @@
 #include <string>
 #include <string_view>
 
-#include "GPP/Connectors/request_record.hpp"
-#include "GPP/Connectors/xml_messages.hpp"
+#include "request_record.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

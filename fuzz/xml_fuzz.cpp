@@ -6,7 +6,7 @@
 #include <cstring>
 #include <vector>
 
-#include "GPP/External/xmltree/xmltree.hpp"
+#include "xmltree.hpp"
 
 namespace {
 

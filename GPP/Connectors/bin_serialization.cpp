@@ -1,10 +1,10 @@
-#include "GPP/Connectors/bin_serialization.hpp"
+#include "bin_serialization.hpp"
 
 #include <cstdio>
 #include <cstring>
 #include <memory>
 
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <span>
 #include <string_view>
 
-#include "GPP/Connectors/request_record.hpp"
+#include "request_record.hpp"
 
 // 1 when the whole block of size bytes was read from path, else 0 (bytes that
 // were read stay in the buffer). An unopenable file prints

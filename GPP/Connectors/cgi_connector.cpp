@@ -1,4 +1,4 @@
-#include "GPP/Connectors/cgi_connector.hpp"
+#include "cgi_connector.hpp"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -14,12 +14,12 @@
 #include <string>
 #include <vector>
 
-#include "GPP/Connectors/bin_serialization.hpp"
-#include "GPP/Connectors/client_receiver.hpp"
-#include "GPP/Connectors/queue.hpp"
-#include "GPP/Connectors/request_record.hpp"
-#include "OSAL/fixed_text.hpp"
-#include "OSAL/osal.hpp"
+#include "bin_serialization.hpp"
+#include "client_receiver.hpp"
+#include "fixed_text.hpp"
+#include "osal.hpp"
+#include "queue.hpp"
+#include "request_record.hpp"
 
 namespace {
 

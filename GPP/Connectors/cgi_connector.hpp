@@ -11,8 +11,8 @@
 #include <span>
 #include <string_view>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/Connectors/xml_messages.hpp"
+#include "ipc_channel.hpp"
+#include "xml_messages.hpp"
 
 inline constexpr std::size_t CGI_LINE_LEN = 256;
 inline constexpr const char* CGI_INTER_COMM_NAME = "CgiInterComm";

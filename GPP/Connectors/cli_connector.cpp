@@ -1,4 +1,4 @@
-#include "GPP/Connectors/cli_connector.hpp"
+#include "cli_connector.hpp"
 
 #include <signal.h>
 #include <unistd.h>
@@ -10,11 +10,11 @@
 #include <ctime>
 #include <string>
 
-#include "GPP/Connectors/client_receiver.hpp"
-#include "GPP/Connectors/xml_messages.hpp"
-#include "GPP/External/xmltree/xmltree.hpp"
-#include "OSAL/fixed_text.hpp"
-#include "OSAL/osal.hpp"
+#include "client_receiver.hpp"
+#include "fixed_text.hpp"
+#include "osal.hpp"
+#include "xml_messages.hpp"
+#include "xmltree.hpp"
 
 namespace {
 

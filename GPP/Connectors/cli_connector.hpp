@@ -11,7 +11,7 @@
 #include <cstddef>
 #include <string_view>
 
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 inline constexpr int CLI_SESSION_COUNT = 4;
 inline constexpr long CLI_SESSION_EXPIRY_S = 30;

@@ -5,7 +5,7 @@
 
 #include <cstring>
 
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 template <class Connector>
 void* connector_client_receiver(void* arg) {

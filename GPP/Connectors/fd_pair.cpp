@@ -13,8 +13,8 @@
 #include <span>
 #include <string_view>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Both ends of a connector link share this code: the creator ('c') makes the
 // two queues afresh, every other role attaches to queues that must exist.
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 #include <fcntl.h>
 #include <sys/ipc.h>
@@ -15,8 +15,8 @@
 #include <span>
 #include <string_view>
 
-#include "OSAL/fixed_text.hpp"
-#include "OSAL/osal.hpp"
+#include "fixed_text.hpp"
+#include "osal.hpp"
 
 namespace {
 

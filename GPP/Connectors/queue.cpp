@@ -1,4 +1,4 @@
-#include "GPP/Connectors/queue.hpp"
+#include "queue.hpp"
 
 #include <array>
 #include <cstdio>

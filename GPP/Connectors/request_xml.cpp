@@ -3,9 +3,9 @@
 #include <cstring>
 #include <string>
 
-#include "GPP/Connectors/request_record.hpp"
-#include "GPP/External/xmltree/xmltree.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "xml_messages.hpp"
+#include "xmltree.hpp"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // Response and notification messages: parsing, one-line display text and the
 // connector-side helpers built on the same texts.
-#include "GPP/Connectors/xml_messages.hpp"
+#include "xml_messages.hpp"
 
 #include <cstdint>
 #include <cstdio>
@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/External/xmltree/xmltree.hpp"
-#include "GPP/RegexParser/property_map.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
+#include "property_map.hpp"
+#include "xmltree.hpp"
 
 namespace {
 

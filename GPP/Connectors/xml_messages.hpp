@@ -8,10 +8,15 @@
 #include <span>
 #include <string_view>
 
-#include "GPP/Connectors/request_record.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "request_record.hpp"
 
 struct IpcChannel;
+
+// Renders the record as "<request><action ...>...</action><p name=..>..</p></request>"
+// into out. A document that does not fit (or cannot be built) leaves out empty.
+// Always returns 0; callers judge success by a non-empty out.
+int generate_xml_request(const RequestRecord& record, std::span<char> out);
 
 // A parsed response uses RequestRecord with value mode 0 = single value,
 // 1 = named list.
@@ -53,11 +58,14 @@ int format_notify(const NotifyRecord& record, std::span<char> out);
 // Heap texts below belong to the caller (released with free()); null on failure.
 tx::HeapText cut_notify(std::string_view message);
 tx::HeapText cut_response(std::string_view message);
-tx::HeapText build_client_ack(std::string_view notify_text, const RecordSlot* slots /* 15 or null */);
-int build_client_ack_into(std::string_view notify_text, const RecordSlot* slots, std::span<char> out);
+tx::HeapText build_client_ack(std::string_view notify_text,
+                              const RecordSlot* slots /* 15 or null */);
+int build_client_ack_into(std::string_view notify_text, const RecordSlot* slots,
+                          std::span<char> out);
 int send_client_ack(IpcChannel* channel, std::string_view notify_text, const RecordSlot* slots,
                     long message_type);
-// 512-byte allocation: <client_request client_id=".." sub_client_id=".." message_seq="..">text</client_request>
+// 512-byte allocation: <client_request client_id=".." sub_client_id=".."
+// message_seq="..">text</client_request>
 tx::HeapText wrap_client_request(const struct IpcMessage& message, const char* client_id,
                                  const char* sequence_text);
 

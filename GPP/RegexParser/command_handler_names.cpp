@@ -2,7 +2,7 @@
 // pointers, and people read names.
 #include <array>
 
-#include "GPP/RegexParser/regexparser.hpp"
+#include "regexparser.hpp"
 
 namespace {
 

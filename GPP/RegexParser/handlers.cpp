@@ -8,11 +8,11 @@
 #include <string>
 #include <string_view>
 
-#include "GPP/RegexParser/os_cmdline.hpp"
-#include "GPP/RegexParser/property_map.hpp"
-#include "GPP/RegexParser/regexparser.hpp"
-#include "GPP/RegexParser/tokens.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "os_cmdline.hpp"
+#include "property_map.hpp"
+#include "regexparser.hpp"
+#include "tokens.hpp"
 
 namespace {
 

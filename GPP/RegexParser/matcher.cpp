@@ -5,8 +5,8 @@
 #include <string>
 #include <string_view>
 
-#include "GPP/RegexParser/matcher_detail.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "matcher_detail.hpp"
 
 namespace tx::grammar {
 

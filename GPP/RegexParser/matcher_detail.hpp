@@ -15,8 +15,8 @@
 #include <string_view>
 #include <vector>
 
-#include "GPP/Connectors/request_record.hpp"
-#include "GPP/RegexParser/regexparser.hpp"
+#include "regexparser.hpp"
+#include "request_record.hpp"
 
 namespace tx::grammar {
 

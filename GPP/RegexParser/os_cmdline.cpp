@@ -1,6 +1,6 @@
 // Kernel command-line parameters, read from /proc/cmdline or, for a test rig or
 // a simulated device, from the file named by PLATFORM_CMDLINE.
-#include "GPP/RegexParser/os_cmdline.hpp"
+#include "os_cmdline.hpp"
 
 #include <cstdlib>
 #include <fstream>
@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "GPP/Connectors/request_record.hpp"
+#include "request_record.hpp"
 
 struct command_entry;
 

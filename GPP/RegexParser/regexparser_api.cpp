@@ -2,8 +2,8 @@
 // over command_table, on behalf of the calling user.
 #include <unistd.h>
 
-#include "GPP/RegexParser/matcher_detail.hpp"
-#include "GPP/RegexParser/regexparser.hpp"
+#include "matcher_detail.hpp"
+#include "regexparser.hpp"
 
 namespace tx::grammar {
 

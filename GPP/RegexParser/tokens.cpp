@@ -1,5 +1,5 @@
 // Token splitting for the command handlers.
-#include "GPP/RegexParser/tokens.hpp"
+#include "tokens.hpp"
 
 namespace tx::grammar {
 

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <string>
 
-#include "GPP/RegexParser/matcher_detail.hpp"
+#include "matcher_detail.hpp"
 
 namespace {
 

@@ -27,7 +27,7 @@
 #include <thread>
 #include <vector>
 
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 namespace {
 

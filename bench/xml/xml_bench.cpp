@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "GPP/External/xmltree/xmltree.hpp"
+#include "xmltree.hpp"
 
 namespace {
 

@@ -14,10 +14,10 @@
 #include <utility>
 #include <vector>
 
-#include "GPP/Clients/CLI/cli_client.hpp"
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/RegexParser/matcher_detail.hpp"
-#include "tests/command_table/command_examples.hpp"
+#include "cli_client.hpp"
+#include "command_table/command_examples.hpp"
+#include "ipc_channel.hpp"
+#include "matcher_detail.hpp"
 
 namespace {
 

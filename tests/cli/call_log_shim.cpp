@@ -14,7 +14,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 extern char* program_invocation_short_name;
 

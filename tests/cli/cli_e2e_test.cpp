@@ -4,7 +4,6 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -26,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/target_command.hpp"
+#include "target_command.hpp"
 
 extern char** environ;
 

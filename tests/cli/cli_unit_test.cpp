@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "GPP/Clients/CLI/cli_client.hpp"
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "cli_client.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
 
 namespace {
 

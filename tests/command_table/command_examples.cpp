@@ -1,4 +1,4 @@
-#include "tests/command_table/command_examples.hpp"
+#include "command_table/command_examples.hpp"
 
 namespace {
 

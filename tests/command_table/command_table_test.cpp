@@ -14,8 +14,8 @@
 #include <string_view>
 #include <vector>
 
-#include "GPP/RegexParser/regexparser.hpp"
-#include "tests/command_table/command_examples.hpp"
+#include "command_table/command_examples.hpp"
+#include "regexparser.hpp"
 
 namespace {
 

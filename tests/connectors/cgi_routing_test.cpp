@@ -10,8 +10,8 @@
 #include <fstream>
 #include <string>
 
-#include "GPP/Connectors/cgi_connector.hpp"
-#include "tests/connectors/fake_transport.hpp"
+#include "cgi_connector.hpp"
+#include "connectors/fake_transport.hpp"
 
 namespace {
 

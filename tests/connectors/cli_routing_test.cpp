@@ -6,8 +6,8 @@
 #include <cstring>
 #include <string>
 
-#include "GPP/Connectors/cli_connector.hpp"
-#include "tests/connectors/fake_transport.hpp"
+#include "cli_connector.hpp"
+#include "connectors/fake_transport.hpp"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <filesystem>
 #include <string>
 
-#include "tools/coresim/core.hpp"
+#include "core.hpp"
 
 namespace {
 

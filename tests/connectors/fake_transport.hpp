@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
 
 namespace fake {
 

@@ -1,5 +1,5 @@
 // The message stack, the word ring and the block/table helpers.
-#include "GPP/Connectors/queue.hpp"
+#include "queue.hpp"
 
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "GPP/Connectors/bin_serialization.hpp"
+#include "bin_serialization.hpp"
 
 namespace {
 

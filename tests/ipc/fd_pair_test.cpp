@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string>
 
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 #include <gtest/gtest.h>
 #include <sys/ipc.h>
@@ -18,7 +18,7 @@
 #include <thread>
 #include <vector>
 
-#include "OSAL/osal.hpp"
+#include "osal.hpp"
 #include "osal/log_capture.hpp"
 
 namespace {

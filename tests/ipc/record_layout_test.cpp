@@ -6,7 +6,7 @@
 // file instead of garbling messages between peers at run time.
 #include <cstddef>
 
-#include "GPP/Connectors/ipc_channel.hpp"
+#include "ipc_channel.hpp"
 
 static_assert(IPC_PAYLOAD_LEN == 516, "word and text, whatever the size of long");
 static_assert(sizeof(IpcMessage::word) == 4 && sizeof(IpcMessage::text) == 512);

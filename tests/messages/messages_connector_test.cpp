@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/Connectors/xml_messages.hpp"
+#include "ipc_channel.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "GPP/Connectors/xml_messages.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <cstring>
 #include <string>
 
-#include "OSAL/osal.hpp"
+#include "osal.hpp"
 #include "osal/log_capture.hpp"
 
 namespace {

@@ -6,7 +6,7 @@
 #include <thread>
 #include <vector>
 
-#include "OSAL/osal.hpp"
+#include "osal.hpp"
 #include "osal/log_capture.hpp"
 
 namespace {

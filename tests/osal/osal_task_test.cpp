@@ -8,7 +8,7 @@
 #include <string>
 #include <thread>
 
-#include "OSAL/osal.hpp"
+#include "osal.hpp"
 #include "osal/log_capture.hpp"
 
 namespace {

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "GPP/RegexParser/matcher_detail.hpp"
+#include "matcher_detail.hpp"
 #include "test_support.hpp"
 
 namespace {

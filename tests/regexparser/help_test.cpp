@@ -1,7 +1,7 @@
 // Help listings: topics, the usage lines, unlisted categories and the root rule.
 #include <string>
 
-#include "GPP/RegexParser/matcher_detail.hpp"
+#include "matcher_detail.hpp"
 #include "test_support.hpp"
 
 namespace {

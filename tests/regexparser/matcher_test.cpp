@@ -5,7 +5,7 @@
 #include <thread>
 #include <vector>
 
-#include "GPP/RegexParser/matcher_detail.hpp"
+#include "matcher_detail.hpp"
 #include "test_support.hpp"
 
 namespace {

@@ -1,5 +1,5 @@
 // The property name map and the action display map.
-#include "GPP/RegexParser/property_map.hpp"
+#include "property_map.hpp"
 
 #include <map>
 #include <string>

@@ -4,6 +4,7 @@
 #include <string>
 
 #include "test_support.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

@@ -12,10 +12,10 @@
 #include <string>
 #include <string_view>
 
-#include "GPP/Connectors/request_record.hpp"
-#include "GPP/RegexParser/os_cmdline.hpp"
-#include "GPP/RegexParser/regexparser.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "os_cmdline.hpp"
+#include "regexparser.hpp"
+#include "request_record.hpp"
 
 namespace grammar_test {
 

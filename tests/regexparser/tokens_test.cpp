@@ -1,5 +1,5 @@
 // Splitting lines into handler tokens.
-#include "GPP/RegexParser/tokens.hpp"
+#include "tokens.hpp"
 
 #include <string>
 #include <vector>

@@ -25,7 +25,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/target_command.hpp"
+#include "target_command.hpp"
 
 namespace stack {
 
@@ -286,9 +286,9 @@ inline std::unique_ptr<Process> start_cgiconn() {
 // a preloaded library unbuffers them so they show up when they are printed.
 inline std::vector<std::string> cli_command() {
     std::vector<std::string> cli = tx::test::target_command({bin("cli")});
-    cli.insert(cli.begin(),
-               {"/usr/bin/env",
-                tx::test::target_environment({"LD_PRELOAD=" UNBUFFERED_STDOUT}).front()});
+    cli.insert(
+        cli.begin(),
+        {"/usr/bin/env", tx::test::target_environment({"LD_PRELOAD=" UNBUFFERED_STDOUT}).front()});
     return cli;
 }
 

@@ -6,8 +6,8 @@
 #include <atomic>
 #include <cstring>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "tests/stack/stack_harness.hpp"
+#include "ipc_channel.hpp"
+#include "stack/stack_harness.hpp"
 
 namespace {
 

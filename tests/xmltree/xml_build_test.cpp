@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tests/xmltree/xml_test_support.hpp"
+#include "xmltree/xml_test_support.hpp"
 
 namespace {
 

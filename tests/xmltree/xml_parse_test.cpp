@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-#include "tests/xmltree/xml_test_support.hpp"
+#include "xmltree/xml_test_support.hpp"
 
 namespace {
 

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "tests/xmltree/xml_test_support.hpp"
+#include "xmltree/xml_test_support.hpp"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "GPP/External/xmltree/xmltree.hpp"
+#include "xmltree.hpp"
 
 struct Parsed {
     std::unique_ptr<std::vector<char>> buffer;

@@ -19,7 +19,7 @@
 #include <string>
 #include <string_view>
 
-#include "GPP/RegexParser/regexparser.hpp"
+#include "regexparser.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/coresim/core.hpp"
+#include "core.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -7,8 +7,8 @@
 #include <ctime>
 #include <fstream>
 
-#include "GPP/RegexParser/property_map.hpp"
-#include "tools/coresim/settings_table.hpp"
+#include "property_map.hpp"
+#include "settings_table.hpp"
 
 namespace coresim {
 

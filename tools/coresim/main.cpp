@@ -18,7 +18,7 @@
 #include <cstring>
 #include <string>
 
-#include "tools/coresim/core.hpp"
+#include "core.hpp"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "tools/coresim/settings_table.hpp"
+#include "settings_table.hpp"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // Process entry, start-up and the ways the client ends.
-#include "GPP/Clients/CLI/cli_client.hpp"
+#include "cli_client.hpp"
 
 #include <pthread.h>
 #include <signal.h>
@@ -10,10 +10,10 @@
 #include <cstring>
 #include <memory>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/Connectors/request_record.hpp"
-#include "OSAL/fixed_text.hpp"
-#include "OSAL/osal.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
+#include "osal.hpp"
+#include "xml_messages.hpp"
 
 IpcChannel* cli_channel = &cli_client_channel;
 std::atomic<int> roomcontrol_active{0};

@@ -10,11 +10,11 @@
 #include <cstring>
 #include <string_view>
 
-#include "GPP/Clients/CLI/cli_client.hpp"
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/Connectors/request_record.hpp"
-#include "GPP/RegexParser/regexparser.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "cli_client.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
+#include "regexparser.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

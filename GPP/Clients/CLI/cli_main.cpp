@@ -1,5 +1,5 @@
 // The cli executable: everything but the entry point lives in cli_client.
-#include "GPP/Clients/CLI/cli_client.hpp"
+#include "cli_client.hpp"
 
 int main(int argc, char** argv) {
     return cli_main(argc, argv);

@@ -11,10 +11,10 @@
 #include <memory>
 #include <string_view>
 
-#include "GPP/Clients/CLI/cli_client.hpp"
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "GPP/Connectors/xml_messages.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "cli_client.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
+#include "xml_messages.hpp"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "GPP/Connectors/cgi_connector.hpp"
+#include "cgi_connector.hpp"
 
 namespace {
 

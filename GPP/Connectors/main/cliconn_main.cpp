@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "GPP/Connectors/cli_connector.hpp"
+#include "cli_connector.hpp"
 
 int main() {
     // SIGINT and SIGTERM are taken synchronously below; every thread started

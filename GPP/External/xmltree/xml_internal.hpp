@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "GPP/External/xmltree/xmltree.hpp"
+#include "xmltree.hpp"
 
 namespace xmltree_detail {
 

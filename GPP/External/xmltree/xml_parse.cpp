@@ -10,8 +10,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "GPP/External/xmltree/xml_internal.hpp"
-#include "GPP/External/xmltree/xmltree.hpp"
+#include "xml_internal.hpp"
+#include "xmltree.hpp"
 
 using namespace xmltree_detail;
 

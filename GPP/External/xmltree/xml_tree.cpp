@@ -5,8 +5,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "GPP/External/xmltree/xml_internal.hpp"
-#include "GPP/External/xmltree/xmltree.hpp"
+#include "xml_internal.hpp"
+#include "xmltree.hpp"
 
 namespace {
 

@@ -22,8 +22,8 @@
 #include <utility>
 #include <vector>
 
-#include "GPP/Connectors/ipc_channel.hpp"
-#include "OSAL/fixed_text.hpp"
+#include "fixed_text.hpp"
+#include "ipc_channel.hpp"
 
 namespace {
 

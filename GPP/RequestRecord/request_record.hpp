@@ -1,13 +1,12 @@
-// The request record: one accepted command line (or one parsed response), and
-// its rendering as a request document.
+// The request record: one accepted command line (or one parsed response). The
+// grammar fills it, the message routines render and parse it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 
-inline constexpr std::size_t RECORD_FIELD_LEN = 64;     // action, property, target, slot texts
-inline constexpr std::size_t RECORD_SINGLE_LEN = 321;   // one value of up to 320 characters
+inline constexpr std::size_t RECORD_FIELD_LEN = 64;    // action, property, target, slot texts
+inline constexpr std::size_t RECORD_SINGLE_LEN = 321;  // one value of up to 320 characters
 inline constexpr std::size_t RECORD_SLOT_COUNT = 15;
 
 struct RecordSlot {
@@ -33,8 +32,3 @@ struct RequestRecord {
     std::uint32_t value_mode;
     RecordValues values;
 };
-
-// Renders the record as "<request><action ...>...</action><p name=..>..</p></request>"
-// into out. A document that does not fit (or cannot be built) leaves out empty.
-// Always returns 0; callers judge success by a non-empty out.
-int generate_xml_request(const RequestRecord& record, std::span<char> out);

@@ -1,7 +1,7 @@
 // Full property keys and the command names that stand for them, and the
 // display words of response actions. Two rows appear twice; both copies stay
 // in place, and since the first always wins the second is never returned.
-#include "GPP/RegexParser/property_map.hpp"
+#include "property_map.hpp"
 
 // clang-format off
 const PropertyNameMap property_name_map[] = {
