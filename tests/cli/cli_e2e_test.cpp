@@ -524,14 +524,18 @@ TEST_F(CliEndToEnd, StartsWithoutQueues) {
 
 TEST_F(CliEndToEnd, LongLinesAreCutNotOverrun) {
     // The 127th character of a line is dropped (it stands where the newline
-    // of a full-length line would be); the 126th is kept.
+    // of a full-length line would be); the 126th is kept. A line longer than
+    // the editor takes is one line all the same, and the script goes on.
     const std::string dropped = "set prompt" + std::string(116, ' ') + "1\n";
     const std::string kept = "set prompt" + std::string(115, ' ') + "1\n";
     Peer peer;
-    Cli cli({}, dropped + "xy\n" + kept + "xy\n" + std::string(450, 'z') + "\n");
+    Cli cli({}, dropped + "xy\n" + kept + "xy\n" + std::string(450, 'z') + "\n" +
+                    std::string(1200, 'z') + "\nxy\n");
     EXPECT_EQ(cli.status(), 0);
     EXPECT_EQ(cli.output(),
               "command syntax error\n\r"
+              "command syntax error\n\rcli> "
+              "command syntax error\n\rcli> "
               "command syntax error\n\rcli> "
               "command syntax error\n\rcli> ");
 }

@@ -1,212 +1,138 @@
-// The simulated device's request handling, without its pipes.
+// The simulated device core without its process: request handling, the
+// framing of its command FIFOs and the FIFOs it keeps.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
+#include <vector>
 
 #include "core.hpp"
+#include "fifo.hpp"
 
 namespace {
 
-std::string request(const std::string& body, const std::string& client = "CLI",
-                    const std::string& sub = "42", const std::string& seq = "5") {
-    return "<client_request client_id=\"" + client + "\" sub_client_id=\"" + sub +
-           "\" message_seq=\"" + seq + "\"><request>" + body + "</request></client_request>";
+std::string request(const std::string& body, const std::string& sub = "42") {
+    return "<client_request client_id=\"CLI\" sub_client_id=\"" + sub +
+           "\" message_seq=\"5\"><request>" + body + "</request></client_request>";
 }
 
-std::string response_of(coresim::Core& core, const std::string& body, int instance = 1) {
-    const coresim::Output out = core.handle(instance, request(body));
+std::string response_of(coresim::Core& core, const std::string& body) {
+    const coresim::Output out = core.handle(1, request(body));
     return out.records.empty() ? "" : out.records.front().second;
 }
 
-TEST(CoreSim, GetAndSetKeepTheEnvelopeAndTheGrammarRanges) {
+TEST(CoreSim, AnswersEachRequestOfTheCaseTable) {
+    std::ifstream cases(CORESIM_CASES);
+    ASSERT_TRUE(cases) << CORESIM_CASES;
     coresim::Core core;
-    EXPECT_EQ(
-        response_of(core, "<action property=\"audio.speaker-volume\">get</action>"),
-        "<server_response client_id=\"CLI\" sub_client_id=\"42\" message_seq=\"5\"><response>"
-        "<action "
-        "property=\"audio.speaker-volume\">get</action><v>9</v></response></server_response>");
-    EXPECT_NE(
-        response_of(core, "<action property=\"voip.reg-timeout\">get</action>").find("<v>60</v>"),
-        std::string::npos);
-    EXPECT_NE(
-        response_of(core, "<action property=\"sys.voip-capable\">get</action>").find("<v>1</v>"),
-        std::string::npos);
-
-    EXPECT_NE(
-        response_of(
-            core,
-            "<action property=\"audio.speaker-volume\">set</action><p name=\"default\">12</p>")
-            .find("<v>12</v>"),
-        std::string::npos);
-    EXPECT_EQ(*core.setting("audio.speaker-volume"), "12");
-    EXPECT_NE(
-        response_of(
-            core,
-            "<action property=\"audio.speaker-volume\">set</action><p name=\"default\">19</p>")
-            .find("<v>error out of range</v>"),
-        std::string::npos);
-    EXPECT_NE(
-        response_of(
-            core, "<action property=\"audio.speaker-volume\">set</action><p name=\"default\">x</p>")
-            .find("error"),
-        std::string::npos);
-    EXPECT_EQ(*core.setting("audio.speaker-volume"), "12");
-
-    // Text settings round-trip their entities.
-    response_of(
-        core, "<action property=\"sys.systemname\">set</action><p name=\"default\">A &amp; B</p>");
-    EXPECT_EQ(*core.setting("sys.systemname"), "A & B");
-    EXPECT_NE(response_of(core, "<action property=\"sys.systemname\">get</action>")
-                  .find("<v>A &amp; B</v>"),
-              std::string::npos);
-
-    // A per-target setting falls back to the shared value until it is set.
-    EXPECT_NE(response_of(core, "<action property=\"voip.registrar\" target=\"2\">get</action>")
-                  .find("target=\"2\">get</action><v>sip.example.com</v>"),
-              std::string::npos);
+    int checked = 0;
+    for (std::string line; std::getline(cases, line);) {
+        const auto arrow = line.find(" => ");
+        if (line.empty() || line[0] == '#' || arrow == std::string::npos) continue;
+        const std::string response = response_of(core, line.substr(0, arrow));
+        EXPECT_NE(response.find(line.substr(arrow + 4)), std::string::npos) << line << "\n"
+                                                                            << response;
+        ++checked;
+    }
+    EXPECT_GT(checked, 0);
 }
 
-TEST(CoreSim, UnknownEmptyAndMalformedRequests) {
+TEST(CoreSim, EachRegisteredConnectorHearsAChangeOnce) {
     coresim::Core core;
-    EXPECT_NE(response_of(core, "<action>frobnicate</action>").find("<v>error unknown action</v>"),
-              std::string::npos);
-    EXPECT_NE(
-        response_of(core, "<action></action>").find("<action>error</action><v>empty action</v>"),
-        std::string::npos);
-    EXPECT_NE(response_of(core, "<action/>").find("empty action"), std::string::npos);
-    EXPECT_NE(response_of(core, "<action property=\"no.such-key\">get</action>")
-                  .find("error unknown property"),
-              std::string::npos);
-    EXPECT_TRUE(core.handle(1, "garbage <<< >>>").records.empty());
-    EXPECT_TRUE(core.handle(1, std::string(512, '\0')).records.empty());
-    EXPECT_TRUE(core.handle(1, "<client_request client_id=\"CLI").records.empty());
-}
-
-TEST(CoreSim, CameraStepsTowardTheLimitAndStopThere) {
-    coresim::Core core;
-    const std::string zoom_in =
-        "<action property=\"cam.camera-zoom\">increment</action><p name=\"default\">400</p>";
-    const std::string pan_left =
-        "<action property=\"cam.camera-pan\">decrement</action><p name=\"default\">-30</p>";
-    response_of(core, zoom_in);
-    EXPECT_EQ(*core.setting("cam.camera-zoom"), "125");
-    for (int i = 0; i < 20; ++i) response_of(core, zoom_in);
-    EXPECT_EQ(*core.setting("cam.camera-zoom"), "400");
-    for (int i = 0; i < 10; ++i) response_of(core, pan_left);
-    EXPECT_EQ(*core.setting("cam.camera-pan"), "-30");
-    EXPECT_NE(
-        response_of(core,
-                    "<action property=\"audio.mute\">increment</action><p name=\"default\">1</p>")
-            .find("error"),
-        std::string::npos);
-}
-
-TEST(CoreSim, RegisteredConnectorsHearEveryChangeOnce) {
-    coresim::Core core;
-    // Nobody registered: a change produces only the response.
-    EXPECT_EQ(
-        core.handle(
-                1, request("<action property=\"audio.mute\">set</action><p name=\"default\">1</p>"))
-            .records.size(),
-        1u);
-    core.handle(1, request("<action>client_register_notify</action>", "CLI", "100"));
-    core.handle(1, request("<action>client_register_notify</action>", "CLI", "101"));
-    core.handle(0, request("<action>client_register_notify</action>", "CGI", "0"));
-    const coresim::Output out = core.handle(
-        0, request("<action property=\"audio.mute\">set</action><p name=\"default\">0</p>", "CGI",
-                   "7"));
+    const std::string set_mute =
+        "<action property=\"audio.mute\">set</action><p name=\"default\">1</p>";
+    EXPECT_EQ(core.handle(1, request(set_mute)).records.size(), 1u);  // nobody listens yet
+    core.handle(1, request("<action>client_register_notify</action>", "100"));
+    core.handle(1, request("<action>client_register_notify</action>", "101"));
+    core.handle(0, request("<action>client_register_notify</action>", "0"));
+    const coresim::Output out = core.handle(0, request(set_mute, "7"));
     ASSERT_EQ(out.records.size(), 3u);
     EXPECT_TRUE(out.changed);
     EXPECT_EQ(out.records[0].first, 0);
-    EXPECT_NE(out.records[0].second.find("<server_response client_id=\"CGI\" sub_client_id=\"7\""),
+    EXPECT_NE(out.records[0].second.find("<server_response client_id=\"CLI\" sub_client_id=\"7\""),
               std::string::npos);
     EXPECT_EQ(out.records[1].first, 0);
     EXPECT_EQ(out.records[2].first, 1);
-    EXPECT_NE(out.records[2].second.find("<server_notify client_id=\"CLI\" message_seq=\""),
+    EXPECT_NE(out.records[2].second.find("<notify event=\"audio.mute\"><v>1</v></notify>"),
               std::string::npos);
-    EXPECT_NE(out.records[2].second.find("<notify event=\"audio.mute\"><v>0</v></notify>"),
-              std::string::npos);
-    // A get changes nothing.
-    const coresim::Output get =
-        core.handle(1, request("<action property=\"audio.mute\">get</action>"));
-    EXPECT_EQ(get.records.size(), 1u);
-    EXPECT_FALSE(get.changed);
-}
-
-TEST(CoreSim, CallsMoveThroughTheirStatesAndReportThem) {
-    coresim::Core core;
-    core.handle(1, request("<action>client_register_notify</action>"));
-    coresim::Output out =
-        core.handle(1, request("<action target=\"1\">dial</action><p name=\"default\">1234</p>"));
-    ASSERT_EQ(out.records.size(), 4u);
-    EXPECT_NE(out.records[1].second.find("event=\"call.status\" target=\"1\"><v>dialing</v>"),
-              std::string::npos);
-    EXPECT_NE(out.records[2].second.find("<v>ringing</v>"), std::string::npos);
-    EXPECT_NE(out.records[3].second.find("<v>connected</v>"), std::string::npos);
-
-    auto status = [&](const char* line) {
-        const std::string r =
-            response_of(core, std::string("<action property=\"call.status\" target=\"") + line +
-                                  "\">get</action>");
-        const auto b = r.find("<v>") + 3;
-        return r.substr(b, r.find("</v>") - b);
-    };
-    EXPECT_EQ(status("1"), "connected");
-    EXPECT_NE(response_of(core, "<action target=\"1\">dial</action><p name=\"default\">5</p>")
-                  .find("line busy"),
-              std::string::npos);
-    response_of(core, "<action target=\"1\">hold</action>");
-    EXPECT_EQ(status("1"), "held");
-    response_of(core, "<action target=\"2\">dial</action><p name=\"default\">777</p>");
-    response_of(core,
-                "<action>swap</action><p name=\"source-call\">2</p><p name=\"target-call\">1</p>");
-    EXPECT_EQ(status("1"), "connected");
-    EXPECT_EQ(status("2"), "held");
-    response_of(core, "<action target=\"2\">resume</action>");
-    EXPECT_EQ(status("2"), "connected");
-    response_of(core,
-                "<action>join</action><p name=\"1\">1</p><p name=\"2\">1</p><p name=\"usb\">0</p>");
-    EXPECT_EQ(status("1"), "conferenced");
-    EXPECT_NE(response_of(core, "<action target=\"3\">answer</action>").find("error no call"),
-              std::string::npos);
-    response_of(core, "<action target=\"all\">hangup</action>");
-    EXPECT_EQ(status("1"), "idle");
-    EXPECT_EQ(status("2"), "idle");
-    EXPECT_NE(response_of(core, "<action target=\"1\">hangup</action>").find("error no call"),
-              std::string::npos);
-    EXPECT_NE(response_of(core, "<action target=\"9\">dial</action><p name=\"default\">1</p>")
-                  .find("unknown line"),
-              std::string::npos);
-}
-
-TEST(CoreSim, StateFileKeepsSettingsAcrossRestarts) {
-    const std::string path =
-        (std::filesystem::temp_directory_path() / ("coresim_state_" + std::to_string(getpid())))
-            .string();
-    {
-        coresim::Core core;
-        response_of(
-            core, "<action property=\"voip.reg-timeout\">set</action><p name=\"default\">3600</p>");
-        ASSERT_TRUE(core.save_state(path));
-    }
-    coresim::Core core;
-    EXPECT_FALSE(core.load_state(path + ".absent"));
-    ASSERT_TRUE(core.load_state(path));
-    EXPECT_EQ(*core.setting("voip.reg-timeout"), "3600");
-    EXPECT_EQ(*core.setting("audio.speaker-volume"), "9");
-    std::filesystem::remove(path);
+    EXPECT_FALSE(core.handle(1, request("<action property=\"audio.mute\">get</action>")).changed);
 }
 
 TEST(CoreSim, LongValuesStillFitOneRecord) {
     coresim::Core core;
-    const std::string value(320, '&');
     const std::string r =
         response_of(core, "<action property=\"sys.systemname\">set</action><p name=\"default\">" +
-                              coresim::xml_escape(value) + "</p>");
+                              coresim::xml_escape(std::string(320, '&')) + "</p>");
     EXPECT_LT(r.size(), coresim::RECORD_LEN);
-    EXPECT_NE(r.find("</response></server_response>"), std::string::npos);
+    EXPECT_TRUE(r.ends_with("</response></server_response>")) << r;
+}
+
+// Frames a command FIFO's byte stream, read `chunk` bytes at a time, and
+// answers each record.
+std::vector<std::string> answers(coresim::Core& core, const std::string& stream,
+                                 std::size_t chunk) {
+    coresim::RecordFramer framer;
+    std::vector<std::string> out;
+    for (std::size_t at = 0; at < stream.size(); at += chunk) {
+        framer.append(std::string_view(stream).substr(at, chunk));
+        while (const auto frame = framer.next()) {
+            for (const auto& record : core.handle(1, frame->text, frame->whole).records)
+                out.push_back(record.second);
+        }
+    }
+    return out;
+}
+
+std::string padded(std::string text) {
+    text.resize(coresim::RECORD_LEN, '\0');
+    return text;
+}
+
+TEST(CoreSim, StrayWritesCostNoMoreThanThemselvesAndCutRequestsAreRefused) {
+    const std::string set =
+        request("<action property=\"audio.mute\">set</action><p name=\"default\">1</p>", "7");
+    const std::string get = padded(request("<action property=\"audio.mute\">get</action>", "8"));
+    const std::string stream = "junk" + get + set.substr(0, 90) + get + std::string(600, 'x') +
+                               get + padded(set.substr(0, 120)) + std::string(3, '\0') + get +
+                               padded("garbage <<< >>>") + get;
+    const std::string refused =
+        "sub_client_id=\"7\" message_seq=\"5\"><response><action>error"
+        "</action><v>request cut short</v></response>";
+    for (const std::size_t chunk : {std::size_t{4096}, std::size_t{100}, std::size_t{1}}) {
+        coresim::Core core;
+        const std::vector<std::string> out = answers(core, stream, chunk);
+        ASSERT_EQ(out.size(), 7u) << chunk;
+        for (const std::size_t i : {0, 2, 3, 5, 6})
+            EXPECT_NE(out[i].find("sub_client_id=\"8\""), std::string::npos) << out[i];
+        EXPECT_NE(out[1].find(refused), std::string::npos) << out[1];
+        EXPECT_NE(out[4].find(refused), std::string::npos) << out[4];
+        EXPECT_EQ(*core.setting("audio.mute"), "0");
+    }
+}
+
+TEST(CoreSim, PathThatIsNoFifoIsMadeOneAgain) {
+    const std::string path =
+        (std::filesystem::temp_directory_path() / ("coresim_fifo_" + std::to_string(getpid())))
+            .string();
+    auto holds_fifo_on_path = [&](const coresim::HeldFifo& fifo) {
+        struct stat on_path {};
+        struct stat held {};
+        return lstat(path.c_str(), &on_path) == 0 && S_ISFIFO(on_path.st_mode) &&
+               fstat(fifo.fd(), &held) == 0 && held.st_ino == on_path.st_ino;
+    };
+    std::ofstream(path) << "a regular file";
+    coresim::HeldFifo fifo(path);
+    ASSERT_TRUE(fifo.keep());
+    EXPECT_TRUE(holds_fifo_on_path(fifo));
+    std::filesystem::remove(path);
+    std::ofstream(path) << "put there while the FIFO was held";
+    ASSERT_TRUE(fifo.keep());
+    EXPECT_TRUE(holds_fifo_on_path(fifo));
+    std::filesystem::remove(path);
 }
 
 }  // namespace

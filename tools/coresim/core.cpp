@@ -252,6 +252,7 @@ bool parse_request(std::string_view record, Request& request) {
         request.params.emplace_back(p.attr("name"), text);
         from = p.end;
     }
+    request.complete = record.find("</client_request>", envelope.end) != std::string_view::npos;
     return true;
 }
 
@@ -308,10 +309,16 @@ std::string Core::param_value(const Request& request) const {
     return joined;
 }
 
-Output Core::handle(int instance, std::string_view record) {
+Output Core::handle(int instance, std::string_view record, bool whole) {
     Output output;
     Request request;
     if (!parse_request(record, request)) return output;
+    if (!whole || !request.complete) {
+        // What is missing could have changed its meaning.
+        output.records.emplace_back(
+            instance, render_response(request, {"error", "", "", {{"", "request cut short"}}}));
+        return output;
+    }
     std::vector<Change> changes;
     const Reply reply = handle_request(instance, request, changes);
     output.records.emplace_back(instance, render_response(request, reply));
@@ -409,111 +416,123 @@ void Core::set_call_status(const std::string& line, const std::string& status,
     changes.push_back({"call.status", line, status});
 }
 
+// The call actions answer with a single value: what became of the call, or
+// the reason nothing did.
+Core::Reply Core::call_reply(const Request& request, std::string value) {
+    return {request.action, request.property, request.target, {{"", std::move(value)}}};
+}
+
 Core::Reply Core::handle_call(const Request& request, std::vector<Change>& changes) {
     const std::string& action = request.action;
+    if (action == "report") return handle_call_report(request, changes);
+    if (action == "dial") return handle_dial(request, changes);
+    if (action == "hangup" || action == "hold") return handle_hangup_or_hold(request, changes);
+    if (action == "answer" || action == "resume") return handle_answer_or_resume(request, changes);
+    if (action == "swap" || action == "transfer") return handle_swap_or_transfer(request, changes);
+    return handle_join(request, changes);
+}
+
+// The core's own publishing path: "report status 1 connected" and the like.
+Core::Reply Core::handle_call_report(const Request& request, std::vector<Change>& changes) {
     const std::string& line = request.target;
-    Reply reply{action, request.property, line, {}};
-    auto error = [&](const char* what) {
-        reply.values = {{"", what}};
-        return reply;
-    };
-    if (action == "report") {
-        // The core's own publishing path: "report status 1 connected" and the like.
-        if (!is_line(line)) return error("error unknown call");
-        CallState& call = calls_[line];
-        const std::string field = request.property.substr(5);
-        if (field == "call-info") {
-            for (const auto& [name, value] : request.params) {
-                if (name == "call.number" || name == "call.caller") call.number = value;
-                if (name == "call.status") set_call_status(line, value, changes);
-            }
-        } else if (field == "status") {
-            set_call_status(line, param_value(request), changes);
-        } else {
-            if (field == "number" || field == "caller") call.number = param_value(request);
-            if (field == "start-time") call.start_time = param_value(request);
-            changes.push_back({request.property, line, param_value(request)});
-        }
-        reply.values = {{"", param_value(request)}};
-        return reply;
-    }
-    if (action == "dial") {
-        if (!is_line(line)) return error("error unknown line");
-        if (calls_[line].status != "idle") return error("error line busy");
-        const std::string number = param_value(request);
-        if (number.empty()) return error("error no number");
-        // The far end picks up at once: the whole progression is reported.
-        set_call_status(line, "dialing", changes);
-        calls_[line].number = number;
-        set_call_status(line, "ringing", changes);
-        set_call_status(line, "connected", changes);
-        calls_[line].start_time = now_text();
-        reply.values = {{"", number}};
-        return reply;
-    }
-    if (action == "hangup" || action == "hold") {
-        const bool all = line == "all";
-        if (!all && !is_line(line)) return error("error unknown line");
-        int changed = 0;
-        for (const char* l : LINES) {
-            if (!all && line != l) continue;
-            const std::string& status = calls_[l].status;
-            if (action == "hangup" && status != "idle") {
-                set_call_status(l, "idle", changes);
-                ++changed;
-            } else if (action == "hold" && status == "connected") {
-                set_call_status(l, "held", changes);
-                ++changed;
-            }
-        }
-        if (changed == 0) return error("error no call");
-        reply.values = {{"", all ? "ok" : calls_[line].status}};
-        return reply;
-    }
-    if (action == "answer" || action == "resume") {
-        if (!is_line(line)) return error("error unknown line");
-        const std::string& status = calls_[line].status;
-        const bool ok =
-            action == "answer" ? (status == "ringing" || status == "incoming") : status == "held";
-        if (!ok) return error("error no call");
-        set_call_status(line, "connected", changes);
-        reply.values = {{"", "connected"}};
-        return reply;
-    }
-    if (action == "swap" || action == "transfer") {
-        std::string source;
-        std::string target;
+    if (!is_line(line)) return call_reply(request, "error unknown call");
+    CallState& call = calls_[line];
+    const std::string field = request.property.substr(5);
+    if (field == "call-info") {
         for (const auto& [name, value] : request.params) {
-            if (name == "source-call") source = value;
-            if (name == "target-call") target = value;
+            if (name == "call.number" || name == "call.caller") call.number = value;
+            if (name == "call.status") set_call_status(line, value, changes);
         }
-        if (!is_line(source) || !is_line(target) || source == target)
-            return error("error unknown call");
-        if (calls_[source].status == "idle" || calls_[target].status == "idle")
-            return error("error no call");
-        if (action == "swap") {
-            const std::string a = calls_[source].status;
-            const std::string b = calls_[target].status;
-            set_call_status(source, b, changes);
-            set_call_status(target, a, changes);
-        } else {
-            set_call_status(source, "transferred", changes);
-            set_call_status(source, "idle", changes);
-            set_call_status(target, "idle", changes);
-        }
-        reply.values = {{"", "ok"}};
-        return reply;
+    } else if (field == "status") {
+        set_call_status(line, param_value(request), changes);
+    } else {
+        if (field == "number" || field == "caller") call.number = param_value(request);
+        if (field == "start-time") call.start_time = param_value(request);
+        changes.push_back({request.property, line, param_value(request)});
     }
-    // join: named slots call id -> mix state
+    return call_reply(request, param_value(request));
+}
+
+Core::Reply Core::handle_dial(const Request& request, std::vector<Change>& changes) {
+    const std::string& line = request.target;
+    if (!is_line(line)) return call_reply(request, "error unknown line");
+    if (calls_[line].status != "idle") return call_reply(request, "error line busy");
+    const std::string number = param_value(request);
+    if (number.empty()) return call_reply(request, "error no number");
+    // The far end picks up at once: the whole progression is reported.
+    set_call_status(line, "dialing", changes);
+    calls_[line].number = number;
+    set_call_status(line, "ringing", changes);
+    set_call_status(line, "connected", changes);
+    calls_[line].start_time = now_text();
+    return call_reply(request, number);
+}
+
+Core::Reply Core::handle_hangup_or_hold(const Request& request, std::vector<Change>& changes) {
+    const std::string& line = request.target;
+    const bool hangup = request.action == "hangup";
+    const bool all = line == "all";
+    if (!all && !is_line(line)) return call_reply(request, "error unknown line");
+    int changed = 0;
+    for (const char* l : LINES) {
+        if (!all && line != l) continue;
+        const std::string& status = calls_[l].status;
+        if (hangup && status != "idle") {
+            set_call_status(l, "idle", changes);
+            ++changed;
+        } else if (!hangup && status == "connected") {
+            set_call_status(l, "held", changes);
+            ++changed;
+        }
+    }
+    if (changed == 0) return call_reply(request, "error no call");
+    return call_reply(request, all ? "ok" : calls_[line].status);
+}
+
+Core::Reply Core::handle_answer_or_resume(const Request& request, std::vector<Change>& changes) {
+    const std::string& line = request.target;
+    if (!is_line(line)) return call_reply(request, "error unknown line");
+    const std::string& status = calls_[line].status;
+    const bool ok = request.action == "answer" ? (status == "ringing" || status == "incoming")
+                                               : status == "held";
+    if (!ok) return call_reply(request, "error no call");
+    set_call_status(line, "connected", changes);
+    return call_reply(request, "connected");
+}
+
+Core::Reply Core::handle_swap_or_transfer(const Request& request, std::vector<Change>& changes) {
+    std::string source;
+    std::string target;
+    for (const auto& [name, value] : request.params) {
+        if (name == "source-call") source = value;
+        if (name == "target-call") target = value;
+    }
+    if (!is_line(source) || !is_line(target) || source == target)
+        return call_reply(request, "error unknown call");
+    if (calls_[source].status == "idle" || calls_[target].status == "idle")
+        return call_reply(request, "error no call");
+    if (request.action == "swap") {
+        const std::string a = calls_[source].status;
+        const std::string b = calls_[target].status;
+        set_call_status(source, b, changes);
+        set_call_status(target, a, changes);
+    } else {
+        set_call_status(source, "transferred", changes);
+        set_call_status(source, "idle", changes);
+        set_call_status(target, "idle", changes);
+    }
+    return call_reply(request, "ok");
+}
+
+// Named slots: call id -> mix state.
+Core::Reply Core::handle_join(const Request& request, std::vector<Change>& changes) {
     int joined = 0;
     for (const auto& [id, mix] : request.params) {
         if (!is_line(id) || mix != "1" || calls_[id].status == "idle") continue;
         set_call_status(id, "conferenced", changes);
         ++joined;
     }
-    if (joined == 0) return error("error no call");
-    reply.values = {{"", "ok"}};
-    return reply;
+    return call_reply(request, joined == 0 ? "error no call" : "ok");
 }
 
 Core::Reply Core::handle_call_get(const Request& request) {

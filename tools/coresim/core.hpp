@@ -11,9 +11,9 @@
 #include <utility>
 #include <vector>
 
-namespace coresim {
+#include "framing.hpp"
 
-inline constexpr std::size_t RECORD_LEN = 512;
+namespace coresim {
 
 // One request as the connectors send it, with entities decoded.
 struct Request {
@@ -24,6 +24,7 @@ struct Request {
     std::string property;
     std::string target;
     std::vector<std::pair<std::string, std::string>> params;  // <p name="..">value</p>
+    bool complete = false;                                    // the envelope's end tag is there
 };
 
 // Pulls the envelope and request fields out of a record. False when the
@@ -49,8 +50,10 @@ struct CallState {
 class Core {
   public:
     Core();
-    // Handles one record that arrived from connector instance `instance`.
-    Output handle(int instance, std::string_view record);
+    // Handles one record that arrived from connector instance `instance`. A
+    // request that is not whole (the record ended early, or the envelope is
+    // cut short) gets an error response and is not applied.
+    Output handle(int instance, std::string_view record, bool whole = true);
 
     // Settings persistence: "key=value" lines.
     bool load_state(const std::string& path);
@@ -77,7 +80,14 @@ class Core {
 
     Reply handle_request(int instance, const Request& request, std::vector<Change>& changes);
     Reply handle_setting(const Request& request, std::vector<Change>& changes);
+    static Reply call_reply(const Request& request, std::string value);
     Reply handle_call(const Request& request, std::vector<Change>& changes);
+    Reply handle_call_report(const Request& request, std::vector<Change>& changes);
+    Reply handle_dial(const Request& request, std::vector<Change>& changes);
+    Reply handle_hangup_or_hold(const Request& request, std::vector<Change>& changes);
+    Reply handle_answer_or_resume(const Request& request, std::vector<Change>& changes);
+    Reply handle_swap_or_transfer(const Request& request, std::vector<Change>& changes);
+    Reply handle_join(const Request& request, std::vector<Change>& changes);
     Reply handle_call_get(const Request& request);
     void set_call_status(const std::string& line, const std::string& status,
                          std::vector<Change>& changes);

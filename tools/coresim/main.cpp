@@ -6,19 +6,18 @@
 //   coresim [-v] [--state FILE]
 //     -v            log every request and reply on standard output
 //     --state FILE  load settings from FILE at start, save them after each change
-#include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <string>
 
 #include "core.hpp"
+#include "fifo.hpp"
 
 namespace {
 
@@ -27,55 +26,30 @@ void on_stop(int) {
     stop_requested = 1;
 }
 
-const char* const RX_PATHS[2] = {"/tmp/CoreRxCommand0", "/tmp/CoreRxCommand1"};
-const char* const TX_PATHS[2] = {"/tmp/CoreTxEvent0", "/tmp/CoreTxEvent1"};
+// How often the FIFO paths are looked at, however busy the pipes are.
+constexpr std::chrono::milliseconds FIFO_CHECK_INTERVAL{500};
+constexpr int POLL_TIMEOUT_MS = 500;
 
-// Both ends of every FIFO are held open read-write: a connector's
-// non-blocking open for writing always finds a reader, its blocking open for
-// reading always finds a writer, and a connector that goes away never leaves
-// us reading end-of-file.
-int open_fifo(const char* path) {
-    if (mkfifo(path, 0666) != 0 && errno != EEXIST) {
-        std::fprintf(stderr, "coresim: cannot create %s: %s\n", path, std::strerror(errno));
-        return -1;
-    }
-    const int fd = open(path, O_RDWR | O_NONBLOCK);
-    if (fd < 0) std::fprintf(stderr, "coresim: cannot open %s: %s\n", path, std::strerror(errno));
-    return fd;
-}
-
-// Writes one NUL-padded record; waits a little for room, then gives up: a
-// connector that stopped reading must not stall the device.
-bool write_record(int fd, const std::string& text) {
-    char record[coresim::RECORD_LEN] = {};
-    std::memcpy(record, text.data(), std::min(text.size(), sizeof record - 1));
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        const ssize_t n = write(fd, record, sizeof record);
-        if (n == static_cast<ssize_t>(sizeof record)) return true;
-        if (n >= 0 || (errno != EAGAIN && errno != EINTR)) return false;
-        pollfd pfd{fd, POLLOUT, 0};
-        poll(&pfd, 1, 200);
-    }
-    return false;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
+struct Options {
     bool verbose = false;
     std::string state_path;
+};
+
+bool parse_options(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-v") {
-            verbose = true;
+            options.verbose = true;
         } else if (arg == "--state" && i + 1 < argc) {
-            state_path = argv[++i];
+            options.state_path = argv[++i];
         } else {
-            std::fprintf(stderr, "usage: coresim [-v] [--state FILE]\n");
-            return 2;
+            return false;
         }
     }
+    return true;
+}
 
+void install_signal_handlers() {
     // A leaving cli signals SIGUSR2 to everything it can reach when it finds
     // no cliconn; the device has no business dying of that.
     signal(SIGUSR2, SIG_IGN);
@@ -85,55 +59,109 @@ int main(int argc, char** argv) {
     sigemptyset(&stop.sa_mask);
     sigaction(SIGINT, &stop, nullptr);
     sigaction(SIGTERM, &stop, nullptr);
+}
 
-    coresim::Core core;
-    if (!state_path.empty() && !core.load_state(state_path) && verbose) {
-        std::printf("coresim: no state in %s yet, starting from defaults\n", state_path.c_str());
+// Writes one NUL-padded record; waits a little for room, then gives up: a
+// connector that stopped reading must not stall the device.
+bool write_record(int fd, const std::string& text) {
+    std::string record = text.substr(0, coresim::RECORD_LEN - 1);
+    record.resize(coresim::RECORD_LEN, '\0');
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const ssize_t n = write(fd, record.data(), record.size());
+        if (n == static_cast<ssize_t>(record.size())) return true;
+        if (n >= 0 || (errno != EAGAIN && errno != EINTR)) return false;
+        pollfd pfd{fd, POLLOUT, 0};
+        poll(&pfd, 1, 200);
+    }
+    return false;
+}
+
+class Simulator {
+  public:
+    explicit Simulator(Options options) : options_(std::move(options)) {
+        if (!options_.state_path.empty() && !core_.load_state(options_.state_path) &&
+            options_.verbose)
+            std::printf("coresim: no state in %s yet, starting from defaults\n",
+                        options_.state_path.c_str());
     }
 
-    int rx[2];
-    int tx[2];
-    for (int i = 0; i < 2; ++i) {
-        rx[i] = open_fifo(RX_PATHS[i]);
-        tx[i] = open_fifo(TX_PATHS[i]);
-        if (rx[i] < 0 || tx[i] < 0) return 1;
+    bool keep_fifos() {
+        bool kept = true;
+        for (coresim::HeldFifo* fifo : {&rx_[0], &rx_[1], &tx_[0], &tx_[1]})
+            kept = fifo->keep() && kept;
+        return kept;
     }
-    if (verbose) {
+
+    void serve() {
+        auto next_check = std::chrono::steady_clock::now() + FIFO_CHECK_INTERVAL;
+        while (!stop_requested) {
+            if (std::chrono::steady_clock::now() >= next_check) {
+                keep_fifos();
+                next_check = std::chrono::steady_clock::now() + FIFO_CHECK_INTERVAL;
+            }
+            pollfd fds[2] = {{rx_[0].fd(), POLLIN, 0}, {rx_[1].fd(), POLLIN, 0}};
+            if (poll(fds, 2, POLL_TIMEOUT_MS) <= 0) continue;
+            for (int i = 0; i < 2; ++i)
+                if ((fds[i].revents & POLLIN) != 0) read_commands(i);
+        }
+        if (!options_.state_path.empty()) core_.save_state(options_.state_path);
+    }
+
+  private:
+    void read_commands(int instance) {
+        char chunk[coresim::RECORD_LEN * 8];
+        // Held read-write, the FIFO never reads end-of-file; nothing there yet
+        // is all that a short read can mean.
+        const ssize_t n = read(rx_[instance].fd(), chunk, sizeof chunk);
+        if (n <= 0) return;
+        framers_[instance].append({chunk, static_cast<std::size_t>(n)});
+        while (const auto frame = framers_[instance].next()) answer(instance, *frame);
+    }
+
+    void answer(int instance, const coresim::Frame& frame) {
+        const bool verbose = options_.verbose;
+        const coresim::Output output = core_.handle(instance, frame.text, frame.whole);
+        if (verbose) std::printf("coresim: [%d] <- %s\n", instance, frame.text.c_str());
+        if (output.records.empty() && verbose)
+            std::printf("coresim: [%d] not a request, ignored\n", instance);
+        for (const auto& [to, text] : output.records) {
+            if (!write_record(tx_[to].fd(), text)) {
+                // That connector is gone or stuck.
+                core_.forget_registrations(to);
+                std::printf("coresim: [%d] cannot write to %s, record dropped\n", to,
+                            tx_[to].path().c_str());
+                continue;
+            }
+            if (verbose) std::printf("coresim: [%d] -> %s\n", to, text.c_str());
+        }
+        if (verbose) std::fflush(stdout);
+        if (output.changed && !options_.state_path.empty()) core_.save_state(options_.state_path);
+    }
+
+    Options options_;
+    coresim::Core core_;
+    coresim::HeldFifo rx_[2] = {coresim::HeldFifo("/tmp/CoreRxCommand0"),
+                                coresim::HeldFifo("/tmp/CoreRxCommand1")};
+    coresim::HeldFifo tx_[2] = {coresim::HeldFifo("/tmp/CoreTxEvent0"),
+                                coresim::HeldFifo("/tmp/CoreTxEvent1")};
+    coresim::RecordFramer framers_[2];
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    if (!parse_options(argc, argv, options)) {
+        std::fprintf(stderr, "usage: coresim [-v] [--state FILE]\n");
+        return 2;
+    }
+    install_signal_handlers();
+    Simulator simulator(options);
+    if (!simulator.keep_fifos()) return 1;
+    if (options.verbose) {
         std::printf("coresim: ready\n");
         std::fflush(stdout);
     }
-
-    std::string pending[2];
-    char chunk[coresim::RECORD_LEN * 8];
-    while (!stop_requested) {
-        pollfd fds[2] = {{rx[0], POLLIN, 0}, {rx[1], POLLIN, 0}};
-        if (poll(fds, 2, 500) <= 0) continue;
-        for (int i = 0; i < 2; ++i) {
-            if ((fds[i].revents & POLLIN) == 0) continue;
-            const ssize_t n = read(rx[i], chunk, sizeof chunk);
-            if (n <= 0) continue;
-            pending[i].append(chunk, static_cast<std::size_t>(n));
-            while (pending[i].size() >= coresim::RECORD_LEN) {
-                const std::string record = pending[i].substr(0, coresim::RECORD_LEN);
-                pending[i].erase(0, coresim::RECORD_LEN);
-                const coresim::Output output = core.handle(i, record);
-                if (verbose) std::printf("coresim: [%d] <- %s\n", i, record.c_str());
-                if (output.records.empty() && verbose)
-                    std::printf("coresim: [%d] not a request, ignored\n", i);
-                for (const auto& [instance, text] : output.records) {
-                    if (!write_record(tx[instance], text)) {
-                        // Its pipe is full: that connector is gone or stuck.
-                        core.forget_registrations(instance);
-                        std::printf("coresim: [%d] pipe full, record dropped\n", instance);
-                        continue;
-                    }
-                    if (verbose) std::printf("coresim: [%d] -> %s\n", instance, text.c_str());
-                }
-                if (verbose) std::fflush(stdout);
-                if (output.changed && !state_path.empty()) core.save_state(state_path);
-            }
-        }
-    }
-    if (!state_path.empty()) core.save_state(state_path);
+    simulator.serve();
     return 0;
 }

@@ -46,6 +46,38 @@ bool contains(std::string_view line, std::string_view what) {
     return line.find(what) != std::string_view::npos;
 }
 
+// Lines end with a newline, which goes; a longer line than the buffer holds
+// is cut first, so its 127th character goes instead.
+void take_line(std::span<char> line, const char* input) {
+    const std::size_t copied = tx::copy_bounded(line, input);
+    if (copied > 0) line[copied - 1] = '\0';
+}
+
+// The editor hands back at most EDITOR_LINE_LEN characters of a line; one cut
+// there comes without its newline. On a terminal the editor has dropped the
+// excess keystrokes itself, but from a pipe it would hand back the same cut
+// line on every call: the rest of the line is read and dropped here, so that
+// a script goes on with its next line.
+void drop_rest_of_cut_line(GetLine* gl) {
+    if (isatty(STDIN_FILENO) != 0) return;
+    for (;;) {
+        gl_abandon_line(gl);
+        const char* rest = gl_get_line(gl, "", nullptr, 0);
+        if (rest == nullptr || std::string_view(rest).ends_with('\n')) return;
+    }
+}
+
+// Reads the next line into the working line; false at the end of input.
+bool read_line(GetLine* gl, std::span<char> line) {
+    char prompt[CLI_PROMPT_LEN] = {};
+    cli_prompt_text(prompt);
+    const char* input = gl_get_line(gl, prompt, nullptr, 0);
+    if (input == nullptr) return false;
+    take_line(line, input);
+    if (!std::string_view(input).ends_with('\n')) drop_rest_of_cut_line(gl);
+    return true;
+}
+
 }  // namespace
 
 void cli_set_prompt(bool shown) {
@@ -116,29 +148,18 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
     if (uid == CLI_OPERATOR_UID) std::puts("Welcome to the TX-416 IP Management Interface\n");
 
     for (;;) {
-        const char* input = nullptr;
+        char line[CLI_LINE_LEN] = {};
         bool last_pass = false;
         if (one_shot_command) {
-            input = one_shot_command.get();
+            take_line(line, one_shot_command.get());
             last_pass = true;
         } else if (register_first != 0) {
-            input = "regnotify\n";
+            take_line(line, "regnotify\n");
             register_first = 0;
-        } else {
-            char prompt[CLI_PROMPT_LEN] = {};
-            cli_prompt_text(prompt);
-            input = gl_get_line(gl, prompt, nullptr, 0);
-            if (input == nullptr) {
-                gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
-                return 0;
-            }
+        } else if (!read_line(gl, line)) {
+            gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
+            return 0;
         }
-
-        // Lines end with a newline, which goes; a longer line than the buffer
-        // holds is cut first, so its 127th character goes instead.
-        char line[CLI_LINE_LEN] = {};
-        const std::size_t copied = tx::copy_bounded(line, input);
-        if (copied > 0) line[copied - 1] = '\0';
         const std::string_view text{line};
 
         if (text == "exit") {
