@@ -309,11 +309,11 @@ std::string Core::param_value(const Request& request) const {
     return joined;
 }
 
-Output Core::handle(int instance, std::string_view record, bool whole) {
+Output Core::handle(int instance, std::string_view record) {
     Output output;
     Request request;
     if (!parse_request(record, request)) return output;
-    if (!whole || !request.complete) {
+    if (!request.complete) {
         // What is missing could have changed its meaning.
         output.records.emplace_back(
             instance, render_response(request, {"error", "", "", {{"", "request cut short"}}}));

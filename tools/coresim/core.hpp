@@ -51,9 +51,9 @@ class Core {
   public:
     Core();
     // Handles one record that arrived from connector instance `instance`. A
-    // request that is not whole (the record ended early, or the envelope is
-    // cut short) gets an error response and is not applied.
-    Output handle(int instance, std::string_view record, bool whole = true);
+    // request whose envelope is cut short gets an error response and is not
+    // applied.
+    Output handle(int instance, std::string_view record);
 
     // Settings persistence: "key=value" lines.
     bool load_state(const std::string& path);

@@ -14,11 +14,12 @@ HeldFifo::~HeldFifo() {
     if (fd_ >= 0) close(fd_);
 }
 
+// What is held is always a FIFO (see reopen).
 bool HeldFifo::holds_path() const {
     struct stat on_path {};
     struct stat held {};
-    return fd_ >= 0 && lstat(path_.c_str(), &on_path) == 0 && S_ISFIFO(on_path.st_mode) &&
-           fstat(fd_, &held) == 0 && held.st_dev == on_path.st_dev && held.st_ino == on_path.st_ino;
+    return fd_ >= 0 && lstat(path_.c_str(), &on_path) == 0 && fstat(fd_, &held) == 0 &&
+           held.st_dev == on_path.st_dev && held.st_ino == on_path.st_ino;
 }
 
 bool HeldFifo::reopen() {

@@ -11,24 +11,18 @@ namespace coresim {
 
 inline constexpr std::size_t RECORD_LEN = 512;
 
-struct Frame {
-    std::string text;   // up to the first NUL
-    bool whole = true;  // false: it ended early or never ended, and is not to be applied
-};
-
 // Cuts a command FIFO's byte stream into records. A connector writes each
-// record in one piece, so a stray write of another length shows up as a
-// record that ends early: its padding stops, or a new envelope begins, before
-// RECORD_LEN bytes. The next record is taken from there, so one bad write
-// costs no more than itself.
+// record in one piece and every record is an envelope, so a stray write of
+// another length shows up as a record into which the next envelope begins
+// before RECORD_LEN bytes; the next record is taken from there. One bad write
+// costs no more than itself and, at most, the one request it cuts short.
 class RecordFramer {
   public:
     void append(std::string_view bytes) { pending_.append(bytes); }
-    // The next record, once it is complete.
-    std::optional<Frame> next();
+    // The text of the next record (up to its padding), once it is complete.
+    std::optional<std::string> next();
 
   private:
-    std::size_t record_end() const;
     std::string pending_;
 };
 

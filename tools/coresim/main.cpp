@@ -115,13 +115,13 @@ class Simulator {
         const ssize_t n = read(rx_[instance].fd(), chunk, sizeof chunk);
         if (n <= 0) return;
         framers_[instance].append({chunk, static_cast<std::size_t>(n)});
-        while (const auto frame = framers_[instance].next()) answer(instance, *frame);
+        while (const auto record = framers_[instance].next()) answer(instance, *record);
     }
 
-    void answer(int instance, const coresim::Frame& frame) {
+    void answer(int instance, const std::string& record) {
         const bool verbose = options_.verbose;
-        const coresim::Output output = core_.handle(instance, frame.text, frame.whole);
-        if (verbose) std::printf("coresim: [%d] <- %s\n", instance, frame.text.c_str());
+        const coresim::Output output = core_.handle(instance, record);
+        if (verbose) std::printf("coresim: [%d] <- %s\n", instance, record.c_str());
         if (output.records.empty() && verbose)
             std::printf("coresim: [%d] not a request, ignored\n", instance);
         for (const auto& [to, text] : output.records) {
