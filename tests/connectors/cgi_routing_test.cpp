@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -179,6 +180,23 @@ TEST_F(CgiRouting, ClientRequestsAreWrappedWithCgiAndTheNextSequence) {
             request + "</client_request>");
     EXPECT_NE(fake::transport().written[1].find("sub_client_id=\"556\" message_seq=\"1\""),
               std::string::npos);
+}
+
+TEST_F(CgiRouting, DISABLED_TypesBeyondProcessIdsAreNotForwarded) {
+    if (sizeof(long) <= sizeof(std::int32_t)) GTEST_SKIP() << "every type is a process id here";
+    const long type = static_cast<long>((1LL << 32) + 7);  // cut to 32 bits: client 7
+    cgi_handle_client_message(&connector,
+                              fake::message(type, "<request><action>x</action></request>"));
+    EXPECT_TRUE(fake::transport().written.empty());
+}
+
+// Any local user can make a marker; one whose number is no process id must
+// not flush type 0 (every waiting reply) or, negative, a range of types.
+TEST_F(CgiRouting, DISABLED_MarkersWhoseNumberIsNoProcessIdAreIgnored) {
+    for (const char* name : {"cgi_rx_web.txt", "cgi_rx_-5.txt", "cgi_rx_0.txt", "cgi_rx_ 7.txt"})
+        touch(name);
+    EXPECT_EQ(cgi_monitor_pass(&connector), 0);
+    EXPECT_TRUE(fake::transport().flushed.empty());
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "ipc_channel.hpp"
@@ -72,6 +73,19 @@ TEST_F(FdPairTest, WriteWithoutCoreReaderReturnsErrno) {
     EXPECT_EQ(pair_.write(&pair_, record_.data(), CORE_RECORD_LEN), ENXIO);
     const std::string err = testing::internal::GetCapturedStderr();
     EXPECT_EQ(err.rfind("Failed to open fd_pair_out : /tmp/CoreRxCommand1: ", 0), 0u) << err;
+}
+
+TEST_F(FdPairTest, DISABLED_OutPathThatIsNoFifoIsReportedAndMadeOneAgain) {
+    ASSERT_EQ(unlink(pair_.out_path), 0);
+    std::ofstream(pair_.out_path) << "";
+    std::memcpy(record_.data(), "hello", 6);
+    testing::internal::CaptureStderr();
+    EXPECT_NE(pair_.write(&pair_, record_.data(), CORE_RECORD_LEN), 0);
+    const std::string err = testing::internal::GetCapturedStderr();
+    EXPECT_NE(err.find("/tmp/CoreRxCommand1"), std::string::npos) << err;
+    struct stat info {};
+    ASSERT_EQ(stat(pair_.out_path, &info), 0);
+    EXPECT_TRUE(S_ISFIFO(info.st_mode));
 }
 
 TEST_F(FdPairTest, WriteRefusesMissingEmptyAndOverlongTexts) {

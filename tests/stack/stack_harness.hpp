@@ -78,6 +78,7 @@ class Process {
                 dup2(log, 2);
             }
             // A fresh process: default dispositions, nothing blocked.
+            ::signal(SIGPIPE, SIG_DFL);
             sigset_t none;
             sigemptyset(&none);
             sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -176,15 +177,18 @@ class Process {
     std::string output_;
 };
 
-inline bool queue_exists(const char* token) {
+inline int queue_id(const char* token) {
     const key_t key = ftok(token, 'a');
-    return key != -1 && msgget(key, 0) >= 0;
+    return key == -1 ? -1 : msgget(key, 0);
+}
+
+inline bool queue_exists(const char* token) {
+    return queue_id(token) >= 0;
 }
 
 // Messages waiting on the queue keyed by token.
 inline long queue_depth(const char* token) {
-    const key_t key = ftok(token, 'a');
-    const int id = key == -1 ? -1 : msgget(key, 0);
+    const int id = queue_id(token);
     if (id < 0) return -1;
     msqid_ds ds{};
     if (msgctl(id, IPC_STAT, &ds) != 0) return -1;
