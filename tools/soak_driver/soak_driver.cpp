@@ -200,10 +200,11 @@ int Soak::run() {
     }
     shut_down();
     const soak::Tally& t = tally_;
-    std::fprintf(stderr,
-                 "soak: turned away %ld, clients ended by another's signal %ld, unexpected lines "
-                 "%ld\n",
-                 t.turned_away, t.clients_lost, t.unexpected_lines);
+    std::fprintf(
+        stderr,
+        "soak: turned away %ld, clients ended without the soak's doing %ld, unexpected lines "
+        "%ld\n",
+        t.turned_away, t.clients_lost, t.unexpected_lines);
     std::printf(
         "soak: %lld s, requests sent %ld, replies received %ld, replies misrouted %ld, "
         "unexpected crashes %ld, every reply belongs to its sender: %s\n",
