@@ -42,17 +42,6 @@ struct EditorDeleter {
 };
 using Editor = std::unique_ptr<GetLine, EditorDeleter>;
 
-bool contains(std::string_view line, std::string_view what) {
-    return line.find(what) != std::string_view::npos;
-}
-
-// Lines end with a newline, which goes; a longer line than the buffer holds
-// is cut first, so its 127th character goes instead.
-void take_line(std::span<char> line, const char* input) {
-    const std::size_t copied = tx::copy_bounded(line, input);
-    if (copied > 0) line[copied - 1] = '\0';
-}
-
 // The editor hands back at most EDITOR_LINE_LEN characters of a line; one cut
 // there comes without its newline. On a terminal the editor has dropped the
 // excess keystrokes itself, but from a pipe it would hand back the same cut
@@ -67,15 +56,20 @@ void drop_rest_of_cut_line(GetLine* gl) {
     }
 }
 
-// Reads the next line into the working line; false at the end of input.
-bool read_line(GetLine* gl, std::span<char> line) {
+// Reads the next line; null at the end of input. A cut line comes back in
+// `held`, which keeps its start while its rest is dropped.
+const char* read_line(GetLine* gl, std::span<char> held) {
     char prompt[CLI_PROMPT_LEN] = {};
     cli_prompt_text(prompt);
     const char* input = gl_get_line(gl, prompt, nullptr, 0);
-    if (input == nullptr) return false;
-    take_line(line, input);
-    if (!std::string_view(input).ends_with('\n')) drop_rest_of_cut_line(gl);
-    return true;
+    if (input == nullptr || std::string_view(input).ends_with('\n')) return input;
+    tx::copy_bounded(held, input);
+    drop_rest_of_cut_line(gl);
+    return held.data();
+}
+
+bool contains(std::string_view line, std::string_view what) {
+    return line.find(what) != std::string_view::npos;
 }
 
 }  // namespace
@@ -148,18 +142,28 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
     if (uid == CLI_OPERATOR_UID) std::puts("Welcome to the TX-416 IP Management Interface\n");
 
     for (;;) {
-        char line[CLI_LINE_LEN] = {};
+        const char* input = nullptr;
         bool last_pass = false;
+        char held[CLI_LINE_LEN] = {};
         if (one_shot_command) {
-            take_line(line, one_shot_command.get());
+            input = one_shot_command.get();
             last_pass = true;
         } else if (register_first != 0) {
-            take_line(line, "regnotify\n");
+            input = "regnotify\n";
             register_first = 0;
-        } else if (!read_line(gl, line)) {
-            gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
-            return 0;
+        } else {
+            input = read_line(gl, held);
+            if (input == nullptr) {
+                gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
+                return 0;
+            }
         }
+
+        // Lines end with a newline, which goes; a longer line than the buffer
+        // holds is cut first, so its 127th character goes instead.
+        char line[CLI_LINE_LEN] = {};
+        const std::size_t copied = tx::copy_bounded(line, input);
+        if (copied > 0) line[copied - 1] = '\0';
         const std::string_view text{line};
 
         if (text == "exit") {
