@@ -21,7 +21,14 @@
 void osal_log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void osal_set_log_threshold(int level);
 
-// The calling thread's kernel thread id (used in the "%s %d [%d, %d]:" prefix).
+// A level-0 record that reports from inside a source file: the prefix
+// "%s %d [%d, %d]:" (source, line, process id, kernel thread id) followed by
+// the formatted text, cut as one text. A bare report, where the source and
+// line are the message, passes "\n".
+void osal_report(const char* source, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// The calling thread's kernel thread id.
 int osal_gettid();
 
 // --------------------------------------------------------- named-pipe queues

@@ -90,8 +90,6 @@ CliConnector cli{
     .wake = PTHREAD_COND_INITIALIZER,
 };
 
-char scratch_dir[] = "/tmp/core_record_fuzz.XXXXXX";
-
 CgiConnector cgi{
     .name = "CGI",
     .channel = &fake_channel,
@@ -103,15 +101,7 @@ CgiConnector cgi{
     .threads = {},
     .thread_started = {},
     .thread_routines = {},
-    .tmp_dir = scratch_dir,
-    .proc_dir = "/nonexistent",
 };
-
-void remove_scratch() {
-    const std::string pipe = std::string(scratch_dir) + "/" + CGI_INTER_COMM_NAME;
-    unlink(pipe.c_str());
-    rmdir(scratch_dir);
-}
 
 void route_cli(std::uint8_t control, std::string_view record) {
     cli_reset_sessions(&cli);
@@ -135,6 +125,8 @@ void route_cli(std::uint8_t control, std::string_view record) {
 }
 
 void route_cgi(std::uint8_t control, std::string_view record) {
+    // Notifications go to /tmp/CgiInterComm, outside any scratch directory.
+    if (is_server_notify(record.substr(0, record.find('\0')))) return;
     transport.full = ((control >> 2) & 1) != 0;
     const CgiRoute route = cgi_worker_step(&cgi, record);
     switch (route) {
@@ -159,13 +151,14 @@ void render_line(std::uint8_t control, std::string_view record) {
         std::memcpy(&parsed, record.data(), std::min(record.size(), sizeof parsed));
     }
     char line[CGI_LINE_LEN] = {};
-    const std::size_t length = cgi_render_notify_line(parsed, line);
+    const std::size_t length = render_notify_line(parsed, line, {65, 321});
     if (length >= sizeof line || length != strnlen(line, sizeof line)) std::abort();
 
     constexpr std::size_t kSmallMax = 32;
     char small[kSmallMax] = {};
     const std::size_t small_len = 1 + (control >> 3) % (kSmallMax - 1);
-    const std::size_t small_length = cgi_render_notify_line(parsed, std::span(small, small_len));
+    const std::size_t small_length =
+        render_notify_line(parsed, std::span(small, small_len), {65, 321});
     if (small_length >= small_len) std::abort();
     for (std::size_t i = small_len; i < kSmallMax; ++i) {
         if (small[i] != '\0') std::abort();
@@ -219,8 +212,6 @@ void client_messages(std::string_view input) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
     osal_set_log_threshold(1000);  // the routing's log records would go to a shared pipe
-    if (mkdtemp(scratch_dir) == nullptr) std::abort();
-    std::atexit(remove_scratch);
     return 0;
 }
 

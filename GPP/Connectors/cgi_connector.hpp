@@ -31,10 +31,6 @@ struct CgiConnector {
     pthread_t threads[2];
     bool thread_started[2];
     void* (*thread_routines[2])(void* connector);  // client receiver, core reader
-    // Where the notification lines go and where markers live; /tmp on the
-    // device, elsewhere only in tests.
-    const char* tmp_dir;
-    const char* proc_dir;
 };
 
 // The process's connector: "CGI", cgi_connector_channel, FIFO pair 0.
@@ -54,14 +50,9 @@ int cgi_handle_client_message(CgiConnector* connector, const IpcMessage& message
 // the request cannot be rendered.
 int cgi_register_for_notifications(CgiConnector* connector);
 
-// The one-line form of a notification written to CgiInterComm:
-// "notify EVENT [TARGET] VALUE" or "notify EVENT [TARGET] name value ...".
-// Returns the length.
-std::size_t cgi_render_notify_line(const NotifyRecord& record, std::span<char> out);
-
-// Writes line as one 256-byte NUL-padded record into the CgiInterComm pipe
-// under dir. Returns 0, or -1 when the pipe cannot be opened or written.
-int cgi_write_inter_comm(const char* dir, std::string_view line);
+// Writes line as one 256-byte NUL-padded record into /tmp/CgiInterComm.
+// Returns 0, or -1 when the pipe cannot be opened or written.
+int cgi_write_inter_comm(std::string_view line);
 
 // What the worker did with one record from the core.
 enum class CgiRoute {

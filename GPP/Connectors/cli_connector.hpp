@@ -58,13 +58,6 @@ int cli_connector_start(CliConnector* connector);
 // client was told to terminate, -1 when the forward failed.
 int cli_handle_client_message(CliConnector* connector, const IpcMessage& message);
 
-// Forwards one client text to the core unless it is a keep-alive. Returns 1
-// for a keep-alive, 0 for a written record, otherwise the pair's error.
-int cli_forward(CliConnector* connector, const IpcMessage& message);
-
-// True when the text is a request whose action is exactly "cli_keep_alive".
-bool cli_is_keep_alive(std::string_view text);
-
 // Finds the first session older than the expiry at `now`, frees it and
 // flushes its undelivered replies. Returns the dropped pid, or 0.
 int cli_expire_one(CliConnector* connector, const timeval& now);

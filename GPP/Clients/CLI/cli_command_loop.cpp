@@ -144,7 +144,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
         if (text == "exit") {
             // History is not saved on this way out.
             editor.reset();
-            kill(find_pid_by_name("cliconn"), SIGUSR2);
+            cli_notify_departure();
             if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
             std::exit(0);
         } else if (contains(text, "set echo")) {
