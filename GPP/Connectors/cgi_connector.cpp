@@ -60,8 +60,6 @@ CgiConnector cgi_connector = {
     .handle_client_message = cgi_handle_client_message,
     .hook_a = no_hook,
     .hook_b = no_hook,
-    .threads = {},
-    .thread_started = {},
     .thread_routines = {cgi_client_receiver, cgi_core_reader},
 };
 

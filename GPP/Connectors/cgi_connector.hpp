@@ -20,17 +20,18 @@ inline constexpr const char* CGI_MARKER_PREFIX = "cgi_rx_";
 inline constexpr const char* CGI_MARKER_SUFFIX = ".txt";
 inline constexpr int CGI_MONITOR_PERIOD_S = 10;
 
+// Fields that an instance does not name start empty.
 struct CgiConnector {
     char name[64];
-    IpcChannel* channel;
-    FdPair* pair;
-    int (*start)(CgiConnector* connector);
-    int (*handle_client_message)(CgiConnector* connector, const IpcMessage& message);
-    int (*hook_a)(CgiConnector* connector);
-    int (*hook_b)(CgiConnector* connector);
-    pthread_t threads[2];
-    bool thread_started[2];
-    void* (*thread_routines[2])(void* connector);  // client receiver, core reader
+    IpcChannel* channel = nullptr;
+    FdPair* pair = nullptr;
+    int (*start)(CgiConnector* connector) = nullptr;
+    int (*handle_client_message)(CgiConnector* connector, const IpcMessage& message) = nullptr;
+    int (*hook_a)(CgiConnector* connector) = nullptr;
+    int (*hook_b)(CgiConnector* connector) = nullptr;
+    pthread_t threads[2] = {};
+    bool thread_started[2] = {};
+    void* (*thread_routines[2])(void* connector) = {};  // client receiver, core reader
 };
 
 // The process's connector: "CGI", cgi_connector_channel, FIFO pair 0.

@@ -64,13 +64,7 @@ CliConnector cli_connector = {
     .handle_client_message = cli_handle_client_message,
     .hook_a = no_hook,
     .hook_b = no_hook,
-    .session_mutex = PTHREAD_MUTEX_INITIALIZER,
-    .sessions = {},
-    .threads = {},
-    .thread_started = {},
     .thread_routines = {cli_client_receiver, cli_session_monitor, cli_core_reader},
-    .wake_mutex = PTHREAD_MUTEX_INITIALIZER,
-    .wake = PTHREAD_COND_INITIALIZER,
 };
 
 int cli_lock_sessions(CliConnector* connector) {
