@@ -46,7 +46,7 @@ TEST_F(Sessions, FourClientsHoldTheTableAndAFifthIsTurnedAway) {
 TEST_F(Sessions, OneSessionExpiresPerPassOnceItIsOlderThanThirtySeconds) {
     // Last seen 30.0 s, 30.9 s (31 by the seconds alone), 31.1 s and 100.5 s ago.
     const long seen[][3] = {{11, 970, 500000}, {12, 969, 600000}, {13, 969, 400000}, {14, 900, 0}};
-    for (int i = 0; i < CLI_SESSION_COUNT; ++i) {
+    for (std::size_t i = 0; i < std::size(seen); ++i) {
         cli->sessions[i].pid = static_cast<int>(seen[i][0]);
         cli->sessions[i].seen_sec = seen[i][1];
         cli->sessions[i].seen_usec = seen[i][2];
