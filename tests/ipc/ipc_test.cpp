@@ -85,14 +85,12 @@ TEST_F(Channel, ASendFromASignalHandlerInterruptingASendCompletes) {
         }
         done = true;
     });
-    const auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!done && std::chrono::steady_clock::now() < give_up) {
+    // A deadlock shows as a test that never ends.
+    while (!done) {
         pthread_kill(sender.native_handle(), SIGUSR1);
         std::this_thread::sleep_for(std::chrono::microseconds(50));
     }
-    if (!done) std::_Exit(1);  // stuck: the sender cannot be joined
     sender.join();
-    std::signal(SIGUSR1, SIG_DFL);
 }
 
 // A record that is empty or does not fit is never written to the core.
