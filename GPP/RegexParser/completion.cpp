@@ -106,14 +106,13 @@ Completer::Completer(uid_t uid, bool voip_capable) {
     }
 }
 
-void Completer::complete(std::string_view line, Completion& out) const {
-    out.candidates.clear();
-    out.help.clear();
+Completion Completer::complete(std::string_view line) const {
+    Completion out;
     const TypedWords typed = split_typed(line);
     // No row accepts a line that begins with a blank.
     const bool hopeless = typed.too_many || line.starts_with(' ');
     out.word_start = hopeless ? line.size() : typed.partial_start;
-    if (hopeless) return;
+    if (hopeless) return out;
     const std::string_view partial = line.substr(typed.partial_start);
 
     for (const Entry& e : entries_) {
@@ -135,6 +134,7 @@ void Completer::complete(std::string_view line, Completion& out) const {
     std::ranges::sort(out.candidates);
     const auto repeats = std::ranges::unique(out.candidates);
     out.candidates.erase(repeats.begin(), repeats.end());
+    return out;
 }
 
 }  // namespace tx::grammar

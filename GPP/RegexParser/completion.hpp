@@ -88,8 +88,8 @@ class Completer {
     Completer(const Completer&) = delete;
     Completer& operator=(const Completer&) = delete;
 
-    // `out` is reused to spare allocations between keystrokes.
-    void complete(std::string_view line, Completion& out) const;
+    // The candidates view words held by the completer.
+    Completion complete(std::string_view line) const;
 
   private:
     struct Entry {

@@ -31,7 +31,7 @@ void complete_line(benchmark::State& state, const char* line) {
     const Completer completer(0, true);
     Completion found;
     for (auto _ : state) {
-        completer.complete(line, found);
+        found = completer.complete(line);
         benchmark::DoNotOptimize(found.candidates.data());
     }
     state.counters["candidates"] = static_cast<double>(found.candidates.size());

@@ -49,9 +49,8 @@ TEST(Completion, CasesOverTheTable) {
         std::istringstream fields(line);
         for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
         if (f.size() == 5 && f[0] == "complete") {
-            Completion c;
-            Completer(static_cast<uid_t>(std::stoi(f[1])), f[2] == "1").complete(f[3], c);
-            EXPECT_EQ(offered(c), f[4]) << line;
+            const Completer completer(static_cast<uid_t>(std::stoi(f[1])), f[2] == "1");
+            EXPECT_EQ(offered(completer.complete(f[3])), f[4]) << line;
         } else if (f.size() == 3 && f[0] == "words") {
             const auto row = std::ranges::find_if(rows, [&](const command_entry& e) {
                 return std::string_view(e.help).starts_with(f[1]);

@@ -52,15 +52,14 @@ bool contains(std::string_view line, std::string_view what) {
 struct CompletionHook {
     GetLine* editor;
     tx::grammar::Completer completer;
-    tx::grammar::Completion found;  // kept to spare allocations between keystrokes
 };
 
 // TAB: the words the table allows at the cursor; where it allows a range or
 // free text, the help line of the row instead.
 CPL_MATCH_FN(complete_command) {
     auto* hook = static_cast<CompletionHook*>(data);
-    tx::grammar::Completion& found = hook->found;
-    hook->completer.complete(std::string_view(line, static_cast<std::size_t>(word_end)), found);
+    const tx::grammar::Completion found =
+        hook->completer.complete(std::string_view(line, static_cast<std::size_t>(word_end)));
     const std::size_t typed = static_cast<std::size_t>(word_end) - found.word_start;
     for (const std::string_view candidate : found.candidates) {
         const std::string suffix(candidate.substr(typed));
@@ -165,8 +164,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
     for (const KeyBinding& binding : key_bindings) {
         gl_bind_keyseq(gl, GL_USER_KEY, binding.sequence, binding.action);
     }
-    CompletionHook completion{
-        gl, tx::grammar::Completer(uid, tx::grammar::voip_capable() != 0), {}};
+    CompletionHook completion{gl, tx::grammar::Completer(uid, tx::grammar::voip_capable() != 0)};
     gl_customize_completion(gl, &completion, complete_command);
     gl_echo_mode(gl, 0);
     if (uid == CLI_OPERATOR_UID) std::puts("Welcome to the TX-416 IP Management Interface\n");
