@@ -132,8 +132,8 @@ Completion Completer::complete(std::string_view line) const {
         }
     }
     std::ranges::sort(out.candidates);
-    const auto repeats = std::ranges::unique(out.candidates);
-    out.candidates.erase(repeats.begin(), repeats.end());
+    out.candidates.erase(std::unique(out.candidates.begin(), out.candidates.end()),
+                         out.candidates.end());
     return out;
 }
 
