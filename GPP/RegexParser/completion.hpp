@@ -6,7 +6,6 @@
 #include <sys/types.h>
 
 #include <cstddef>
-#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
