@@ -86,7 +86,8 @@ void write_setting(std::ostream& out, const Setting& setting) {
     const std::string help = html(setting.set_row->help);
     out << "<tr class=\"setting\" id=\"setting-" << html(setting.name) << "\" data-name=\""
         << html(setting.name) << "\" data-key=\"" << html(setting.key) << "\">"
-        << "<th>" << html(setting.name) << "</th><td class=\"value\"></td><td><form class=\"set\">"
+        << "<th>" << html(setting.name)
+        << "</th><td class=\"value\"></td><td class=\"input\"><form class=\"set\">"
         << "<input name=\"value\" placeholder=\"" << help << "\" title=\"" << help << "\">"
         << "<button type=\"submit\">Set</button></form></td><td class=\"reply\"></td></tr>\n";
 }

@@ -204,7 +204,7 @@ std::optional<Answer> CommandRequest::read_line(std::string* line) const {
     const std::optional<std::string> form = read_form(&failure);
     if (!form) return failure;
     const std::optional<std::string> value = form_field(*form, "cmd");
-    if (!value) return error_answer(400, "no field cmd in the form");
+    if (!value) return error_answer(400, "form without a well-formed field cmd");
     *line = *value;
     if (line->size() > kMaxLineBytes) return error_answer(400, "line over 126 characters");
     for (const char c : *line) {
