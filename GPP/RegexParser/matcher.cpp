@@ -34,12 +34,6 @@ std::size_t help_word_length(const char* p) noexcept {
     return n;
 }
 
-struct TopicRange {
-    std::string_view topic;
-    int low;
-    int high;
-};
-
 constexpr TopicRange kTopics[] = {
     {"all", 1, 9},  {"sys", 1, 1}, {"audio", 2, 2}, {"call", 3, 3}, {"net", 4, 4},    {"bt", 5, 5},
     {"bm64", 6, 6}, {"ble", 7, 7}, {"cam", 8, 8},   {"voip", 9, 9}, {"hidden", 0, 0},
@@ -60,6 +54,14 @@ std::size_t count_rows(const command_entry* table) noexcept {
         ++n;
     }
     return n;
+}
+
+bool row_allowed(const command_entry& row, uid_t uid) noexcept {
+    return uid == 0 || (row.category != kHiddenCategory && row.category != kUnlistedCategory);
+}
+
+std::span<const TopicRange> help_topics() noexcept {
+    return kTopics;
 }
 
 CommandIndex::CommandIndex(const command_entry* table) {
@@ -284,7 +286,7 @@ int Matcher::match(const char* line, std::size_t length, RequestRecord* record, 
         return 0;
     }
 
-    if (uid != 0 && (found->category == kHiddenCategory || found->category == kUnlistedCategory)) {
+    if (!row_allowed(*found, uid)) {
         return 0;
     }
     found->handler(line, length, record, found);

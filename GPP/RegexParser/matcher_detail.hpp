@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -22,6 +23,9 @@ namespace tx::grammar {
 
 // Rows up to (not including) the first row whose handler is null.
 std::size_t count_rows(const command_entry* table) noexcept;
+
+// Whether `uid` may run the row: the hidden and the unlisted settings are root's.
+bool row_allowed(const command_entry& row, uid_t uid) noexcept;
 
 // Command keys ("get_mute", "dial") of a table, in row order.
 class CommandIndex {
@@ -85,6 +89,14 @@ class Matcher {
 
 // The matcher over command_table used by regexparser_match.
 const Matcher& command_matcher();
+
+// A help topic and the categories it lists.
+struct TopicRange {
+    std::string_view topic;
+    int low;
+    int high;
+};
+std::span<const TopicRange> help_topics() noexcept;
 
 // Help for `topic_text` (what followed "help" on the line) as seen by `uid`.
 void print_help(const command_entry* table, const char* topic_text, uid_t uid);
