@@ -9,27 +9,27 @@
 #include <iostream>
 #include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "completion.hpp"
 #include "matcher_detail.hpp"
 #include "property_map.hpp"
 #include "regexparser.hpp"
 
 namespace {
 
-// The help topics, by category, in the order help lists them.
-constexpr const char* kTopics[] = {"",   "sys",  "audio", "call", "net",
-                                   "bt", "bm64", "ble",   "cam",  "voip"};
-constexpr int kFirstTopic = 1;
-constexpr int kLastTopic = 9;
+// Web requests follow the rules of the device's operator account.
+constexpr uid_t kOperatorUid = 1001;
 
 struct Setting {
     std::string name;
     std::string key;  // the full property key that notifications carry
     const command_entry* set_row;
+    std::vector<std::string> values;  // what the set row allows, when a fixed set
 };
 
 std::string html(std::string_view text) {
@@ -55,53 +55,76 @@ std::string html(std::string_view text) {
     return out;
 }
 
-bool operator_may_run(const command_entry& row) {
-    return row.category >= kFirstTopic && row.category <= kLastTopic;
+// The setting a row reads or changes: "get NAME" or "set NAME ...".
+std::string_view setting_of(const tx::grammar::RowWords& row, std::string_view verb) {
+    if (row.command_words != 2 || row.words[0].front() != verb) return {};
+    if (verb == "get" && row.words.size() != 2) return {};
+    if (verb == "set" && row.words.size() < 3) return {};
+    return row.words[1].front();
 }
 
 // Settings with both a get and a set row that the operator may run, by
-// topic, in table order of their set rows.
-std::map<int, std::vector<Setting>> settings_by_topic() {
-    const tx::grammar::CommandIndex index(command_table);
-    std::map<std::string, int, std::less<>> rows;
-    for (const auto& entry : index.entries()) rows.emplace(entry.key, entry.row);
-    std::map<int, std::vector<Setting>> topics;
-    for (const auto& entry : index.entries()) {
-        const std::string_view key = entry.key;
-        if (!key.starts_with("set_")) continue;
-        const std::string name(key.substr(4));
-        const auto get = rows.find("get_" + name);
-        const command_entry& set_row = command_table[entry.row];
-        if (get == rows.end() || !operator_may_run(set_row) ||
-            !operator_may_run(command_table[get->second])) {
+// category, in table order of their set rows.
+std::map<int, std::vector<Setting>> settings_by_category() {
+    const std::vector<tx::grammar::RowWords>& rows = tx::grammar::command_row_words();
+    std::set<std::string_view> readable;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        if (tx::grammar::row_allowed(command_table[row], kOperatorUid)) {
+            readable.insert(setting_of(rows[row], "get"));
+        }
+    }
+    std::map<int, std::vector<Setting>> settings;
+    std::set<std::string_view> done;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        const std::string_view name = setting_of(rows[row], "set");
+        const command_entry& set_row = command_table[row];
+        if (name.empty() || !readable.contains(name) || !done.insert(name).second ||
+            !tx::grammar::row_allowed(set_row, kOperatorUid)) {
             continue;
         }
-        const char* full_key = property_key_for_name(name);
-        topics[set_row.category].push_back({name, full_key != nullptr ? full_key : name, &set_row});
+        const char* key = property_key_for_name(name);
+        // A single value spelled out as a fixed set gets a select.
+        const bool one_value = rows[row].words.size() == 3 && !rows[row].more;
+        settings[set_row.category].push_back(
+            {std::string(name), key != nullptr ? key : std::string(name), &set_row,
+             one_value ? rows[row].words[2] : std::vector<std::string>{}});
     }
-    return topics;
+    return settings;
+}
+
+void write_input(std::ostream& out, const Setting& setting) {
+    const std::string help = html(setting.set_row->help);
+    if (setting.values.empty()) {
+        out << "<input name=\"value\" placeholder=\"" << help << "\" title=\"" << help << "\">";
+        return;
+    }
+    out << "<select name=\"value\" title=\"" << help << "\">";
+    for (const std::string& value : setting.values) out << "<option>" << html(value) << "</option>";
+    out << "</select>";
 }
 
 void write_setting(std::ostream& out, const Setting& setting) {
-    const std::string help = html(setting.set_row->help);
     out << "<tr class=\"setting\" id=\"setting-" << html(setting.name) << "\" data-name=\""
-        << html(setting.name) << "\" data-key=\"" << html(setting.key) << "\">"
-        << "<th>" << html(setting.name)
-        << "</th><td class=\"value\"></td><td class=\"input\"><form class=\"set\">"
-        << "<input name=\"value\" placeholder=\"" << help << "\" title=\"" << help << "\">"
-        << "<button type=\"submit\">Set</button></form></td><td class=\"reply\"></td></tr>\n";
+        << html(setting.name) << "\" data-key=\"" << html(setting.key) << "\"><th>"
+        << html(setting.name)
+        << "</th><td class=\"value\"></td><td class=\"input\"><form class=\"set\">";
+    write_input(out, setting);
+    out << "<button type=\"submit\">Set</button></form></td><td class=\"reply\"></td></tr>\n";
 }
 
 void write_page(std::ostream& out, std::string page) {
-    const auto topics = settings_by_topic();
+    const auto settings = settings_by_category();
     std::ostringstream nav;
     std::ostringstream sections;
     nav << "<nav>";
-    for (const auto& [category, settings] : topics) {
-        const std::string topic = kTopics[category];
-        nav << "<a href=\"#topic-" << topic << "\">" << topic << "</a>";
-        sections << "<section id=\"topic-" << topic << "\"><h2>" << topic << "</h2><table>\n";
-        for (const Setting& setting : settings) write_setting(sections, setting);
+    // Each topic that lists one category, in the order help knows them.
+    for (const tx::grammar::TopicRange& topic : tx::grammar::help_topics()) {
+        const auto found = settings.find(topic.low);
+        if (topic.low != topic.high || found == settings.end()) continue;
+        const std::string name = html(topic.topic);
+        nav << "<a href=\"#topic-" << name << "\">" << name << "</a>";
+        sections << "<section id=\"topic-" << name << "\"><h2>" << name << "</h2><table>\n";
+        for (const Setting& setting : found->second) write_setting(sections, setting);
         sections << "</table></section>\n";
     }
     nav << "</nav>";
