@@ -19,11 +19,11 @@
 #include "matcher_detail.hpp"
 #include "property_map.hpp"
 #include "regexparser.hpp"
+#include "web_cgi.hpp"
 
 namespace {
 
-// Web requests follow the rules of the device's operator account.
-constexpr uid_t kOperatorUid = 1001;
+using tx::web::kOperatorUid;
 
 struct Setting {
     std::string name;
