@@ -5,21 +5,24 @@
 // Every setting that the operator may both read and change (a "get NAME" and
 // a "set NAME" row) gets a line under its help topic: its current value, an
 // input and a Set button. The template's @NAV@ and @SETTINGS@ are replaced.
+#include <deque>
 #include <fstream>
+#include <initializer_list>
 #include <iostream>
 #include <iterator>
 #include <map>
 #include <set>
-#include <sstream>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "completion.hpp"
+#include "fixed_text.hpp"
 #include "matcher_detail.hpp"
 #include "property_map.hpp"
 #include "regexparser.hpp"
 #include "web_cgi.hpp"
+#include "xmltree.hpp"
 
 namespace {
 
@@ -32,28 +35,43 @@ struct Setting {
     std::vector<std::string> values;  // what the set row allows, when a fixed set
 };
 
-std::string html(std::string_view text) {
-    std::string out;
-    for (const char c : text) {
-        switch (c) {
-            case '&':
-                out += "&amp;";
-                break;
-            case '<':
-                out += "&lt;";
-                break;
-            case '>':
-                out += "&gt;";
-                break;
-            case '"':
-                out += "&quot;";
-                break;
-            default:
-                out += c;
-        }
+// Markup built as a tree and rendered by the XML library, which escapes
+// whatever the table's texts hold. The tree borrows its strings: they are
+// kept here until it has been rendered.
+class Markup {
+  public:
+    using Attributes = std::initializer_list<std::pair<const char*, std::string_view>>;
+
+    explicit Markup(const char* root) : doc_(xml_new(root)) {}
+
+    XmlNode* root() const { return doc_.get(); }
+
+    XmlNode* add(XmlNode* parent, const char* name, Attributes attributes = {},
+                 std::string_view text = {}) {
+        XmlNode* node = xml_add_child(parent, name, 0);
+        if (!text.empty()) xml_set_text(node, keep(text));
+        for (const auto& [attribute, value] : attributes)
+            xml_set_attr(node, attribute, keep(value));
+        return node;
     }
-    return out;
-}
+
+    std::string render() const {
+        const tx::HeapText text{xml_render(doc_.get())};
+        std::string html = text ? text.get() : "";
+        // An input is a void element in HTML: it takes no end tag.
+        for (std::size_t at = html.find("</input>"); at != std::string::npos;
+             at = html.find("</input>", at)) {
+            html.erase(at, std::string_view("</input>").size());
+        }
+        return html;
+    }
+
+  private:
+    const char* keep(std::string_view text) { return kept_.emplace_back(text).c_str(); }
+
+    XmlDocumentPtr doc_;
+    std::deque<std::string> kept_;
+};
 
 // The setting a row reads or changes: "get NAME" or "set NAME ...".
 std::string_view setting_of(const tx::grammar::RowWords& row, std::string_view verb) {
@@ -92,44 +110,43 @@ std::map<int, std::vector<Setting>> settings_by_category() {
     return settings;
 }
 
-void write_input(std::ostream& out, const Setting& setting) {
-    const std::string help = html(setting.set_row->help);
+void add_setting(Markup& markup, XmlNode* table, const Setting& setting) {
+    const std::string id = "setting-" + setting.name;
+    XmlNode* row = markup.add(
+        table, "tr",
+        {{"class", "setting"}, {"id", id}, {"data-name", setting.name}, {"data-key", setting.key}});
+    markup.add(row, "th", {}, setting.name);
+    markup.add(row, "td", {{"class", "value"}});
+    XmlNode* form =
+        markup.add(markup.add(row, "td", {{"class", "input"}}), "form", {{"class", "set"}});
+    const std::string_view help = setting.set_row->help;
     if (setting.values.empty()) {
-        out << "<input name=\"value\" placeholder=\"" << help << "\" title=\"" << help << "\">";
-        return;
+        markup.add(form, "input", {{"name", "value"}, {"placeholder", help}, {"title", help}});
+    } else {
+        XmlNode* select = markup.add(form, "select", {{"name", "value"}, {"title", help}});
+        for (const std::string& value : setting.values) markup.add(select, "option", {}, value);
     }
-    out << "<select name=\"value\" title=\"" << help << "\">";
-    for (const std::string& value : setting.values) out << "<option>" << html(value) << "</option>";
-    out << "</select>";
-}
-
-void write_setting(std::ostream& out, const Setting& setting) {
-    out << "<tr class=\"setting\" id=\"setting-" << html(setting.name) << "\" data-name=\""
-        << html(setting.name) << "\" data-key=\"" << html(setting.key) << "\"><th>"
-        << html(setting.name)
-        << "</th><td class=\"value\"></td><td class=\"input\"><form class=\"set\">";
-    write_input(out, setting);
-    out << "<button type=\"submit\">Set</button></form></td><td class=\"reply\"></td></tr>\n";
+    markup.add(form, "button", {{"type", "submit"}}, "Set");
+    markup.add(row, "td", {{"class", "reply"}});
 }
 
 void write_page(std::ostream& out, std::string page) {
     const auto settings = settings_by_category();
-    std::ostringstream nav;
-    std::ostringstream sections;
-    nav << "<nav>";
+    Markup nav("nav");
+    Markup sections("div");
     // Each topic that lists one category, in the order help knows them.
     for (const tx::grammar::TopicRange& topic : tx::grammar::help_topics()) {
         const auto found = settings.find(topic.low);
         if (topic.low != topic.high || found == settings.end()) continue;
-        const std::string name = html(topic.topic);
-        nav << "<a href=\"#topic-" << name << "\">" << name << "</a>";
-        sections << "<section id=\"topic-" << name << "\"><h2>" << name << "</h2><table>\n";
-        for (const Setting& setting : found->second) write_setting(sections, setting);
-        sections << "</table></section>\n";
+        const std::string anchor = "topic-" + std::string(topic.topic);
+        nav.add(nav.root(), "a", {{"href", "#" + anchor}}, topic.topic);
+        XmlNode* section = sections.add(sections.root(), "section", {{"id", anchor}});
+        sections.add(section, "h2", {}, topic.topic);
+        XmlNode* table = sections.add(section, "table");
+        for (const Setting& setting : found->second) add_setting(sections, table, setting);
     }
-    nav << "</nav>";
     for (const auto& [mark, text] :
-         {std::pair{"@NAV@", nav.str()}, {"@SETTINGS@", sections.str()}}) {
+         {std::pair{"@NAV@", nav.render()}, {"@SETTINGS@", sections.render()}}) {
         const std::size_t at = page.find(mark);
         if (at != std::string::npos) page.replace(at, std::string_view(mark).size(), text);
     }
