@@ -84,9 +84,13 @@ class WebTest(unittest.TestCase):
 
         browser.execute_script('window.notReloaded = true')
         wait.until(lambda _: browser.find_element(By.ID, 'live').text == 'live')
-        subprocess.run([f'{BIN}/cli', '-c', 'set ringer-volume 7'], check=True, timeout=10,
-                       env={**os.environ, 'PLATFORM_CMDLINE': '/tmp/cmdline'}, stdout=subprocess.DEVNULL)
-        wait.until(lambda _: value('ringer-volume') == '7')
+        # A second stream beside the page's: each sees every notification.
+        with urllib.request.urlopen(URL + 'cgi-bin/events', timeout=10) as stream:
+            subprocess.run([f'{BIN}/cli', '-c', 'set ringer-volume 7'], check=True, timeout=10,
+                           env={**os.environ, 'PLATFORM_CMDLINE': '/tmp/cmdline'},
+                           stdout=subprocess.DEVNULL)
+            wait.until(lambda _: value('ringer-volume') == '7')
+            self.assertIn(b'data: notify audio.ringer-volume 7\n', [stream.readline() for _ in range(3)])
         self.assertTrue(browser.execute_script('return window.notReloaded'))
 
         browser.find_element(By.ID, 'line').send_keys('get md5-password\n')
