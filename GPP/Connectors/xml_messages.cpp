@@ -259,6 +259,24 @@ int format_notify(const NotifyRecord& record, std::span<char> out) {
     return 0;
 }
 
+MessageKind format_message(std::string_view text, std::span<char> out) {
+    if (out.empty()) return MessageKind::other;
+    out[0] = '\0';
+    if (is_notify(text)) {
+        NotifyRecord record{};
+        parse_notify(text.data(), text.size(), &record);
+        format_notify(record, out);
+        return MessageKind::notify;
+    }
+    if (is_response(text)) {
+        RequestRecord record{};
+        parse_response(text.data(), text.size(), &record);
+        format_response(record, out);
+        return MessageKind::response;
+    }
+    return MessageKind::other;
+}
+
 tx::HeapText cut_notify(std::string_view message) {
     return cut_message(message, "<notify", "</notify>");
 }
