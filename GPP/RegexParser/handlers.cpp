@@ -43,17 +43,17 @@ void set_slot(RequestRecord& r, std::size_t slot, std::string_view name, std::st
     set_text(r.values.slots[slot].value, value);
 }
 
-bool has_voip_id(std::string_view id, std::string_view ids) {
-    return id.find_first_of(ids) != std::string_view::npos;
+void print_voip_refusal() {
+    std::puts("val voip-capable 0");
 }
 
 // On a device without VoIP, a command naming one of `ids` in `id` is refused:
 // the action is emptied and the handler stops. True when refused.
 bool refused_voip_id(RequestRecord& r, std::string_view id, std::string_view ids = kVoipIds) {
-    if (!has_voip_id(id, ids) || tx::grammar::voip_capable() != 0) {
+    if (id.find_first_of(ids) == std::string_view::npos || tx::grammar::voip_capable() != 0) {
         return false;
     }
-    std::puts("val voip-capable 0");
+    print_voip_refusal();
     r.action[0] = '\0';
     return true;
 }
@@ -83,7 +83,7 @@ void open_and_fill(const char* line, std::size_t length, RequestRecord* record, 
     }
     *record = RequestRecord{};
     if (opening.voip_only && tx::grammar::voip_capable() == 0) {
-        std::puts("val voip-capable 0");
+        print_voip_refusal();
         return;
     }
     // regexec stops at the first NUL, so the handlers do too.
@@ -164,9 +164,8 @@ void fill_swap(RequestRecord& r, const TokenList& t) {
     if (t.has(2)) {
         set_slot(r, 1, "target-call", t.at(2));
     }
-    const bool names_voip_call = has_voip_id(t.at(1), kVoipIds) || has_voip_id(t.at(2), kVoipIds);
-    if (names_voip_call && tx::grammar::voip_capable() == 0) {
-        std::puts("val voip-capable 0");
+    // Refused with both ids in view, and then nothing of the record is kept.
+    if (refused_voip_id(r, std::string(t.at(1)).append(t.at(2)))) {
         r = RequestRecord{};
     }
 }
