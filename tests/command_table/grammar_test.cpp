@@ -54,7 +54,10 @@ class Reference {
 // The setting name in an expression "PREFIX NAME SUFFIX", or "" when the
 // expression has another shape.
 std::string name_between(std::string_view rx, std::string_view prefix, std::string_view suffix) {
-    if (!rx.starts_with(prefix) || !rx.ends_with(suffix)) return "";
+    if (rx.size() < prefix.size() + suffix.size() || !rx.starts_with(prefix) ||
+        !rx.ends_with(suffix)) {
+        return "";
+    }
     const std::string_view name =
         rx.substr(prefix.size(), rx.size() - prefix.size() - suffix.size());
     const bool plain = name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789-") == name.npos;
