@@ -10,8 +10,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <span>
 #include <string_view>
 #include <vector>
@@ -55,20 +53,23 @@ class CommandIndex {
     std::vector<Entry> entries_;
 };
 
-// Whether each tried expression is compiled on the spot and freed again, or
-// compiled once at its first try and kept for the lifetime of the matcher.
-enum class RegexMode { kept, fresh };
-
-// Matches lines against one table. Safe to share between threads.
+// Matches lines against one table. Each row's expression is compiled at its
+// first try and kept for the lifetime of the matcher. Safe to share between
+// threads.
 class Matcher {
   public:
-    Matcher(const command_entry* table, RegexMode mode);
+    explicit Matcher(const command_entry* table);
     ~Matcher();
     Matcher(const Matcher&) = delete;
     Matcher& operator=(const Matcher&) = delete;
 
-    // 1 when a row accepted the line and its handler filled the record, 0
-    // otherwise. Rows of categories 0 and 11 are for uid 0 only.
+    // The row whose handler runs for the line on behalf of `uid`: the first
+    // row from the key index position on that accepts it, or null when none
+    // does or that row is root-only and `uid` is not root.
+    const command_entry* find(const char* line, std::size_t length, uid_t uid) const;
+
+    // 1 when a row accepted the line and its handler filled the cleared
+    // record, 0 otherwise (the record is then left cleared).
     int match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const;
 
     int lookup(const char* line, std::size_t length) const { return index_.lookup(line, length); }
@@ -82,7 +83,6 @@ class Matcher {
 
     const command_entry* table_;
     std::size_t rows_;
-    RegexMode mode_;
     CommandIndex index_;
     std::unique_ptr<Compiled[]> compiled_;
 };
