@@ -39,6 +39,7 @@ struct IpcChannel {
 extern IpcChannel cli_client_channel;     // cli: sends on cli_out_token, role 'u'
 extern IpcChannel cli_connector_channel;  // cliconn: sends on cli_in_token, role 'c'
 extern IpcChannel cgi_connector_channel;  // cgiconn: sends on cgi_in_token, role 'c'
+extern IpcChannel cgi_client_channel;     // a CGI program: sends on cgi_out_token, role 'u'
 
 // Destroys the queue under key if there is one; failures are ignored.
 void ipc_remove_stale_queue(key_t key);

@@ -258,6 +258,24 @@ std::size_t render_notify_line(const NotifyRecord& record, std::span<char> out,
     return strip_trailing_space(out);
 }
 
+MessageKind format_message(std::string_view text, std::span<char> out) {
+    if (out.empty()) return MessageKind::other;
+    out[0] = '\0';
+    if (is_notify(text)) {
+        NotifyRecord record{};
+        parse_notify(text.data(), text.size(), &record);
+        format_notify(record, out);
+        return MessageKind::notify;
+    }
+    if (is_response(text)) {
+        RequestRecord record{};
+        parse_response(text.data(), text.size(), &record);
+        format_response(record, out);
+        return MessageKind::response;
+    }
+    return MessageKind::other;
+}
+
 tx::HeapText cut_notify(std::string_view message) {
     return cut_message(message, "<notify", "</notify>");
 }

@@ -69,6 +69,13 @@ struct NotifyLineCuts {
 std::size_t render_notify_line(const NotifyRecord& record, std::span<char> out,
                                NotifyLineCuts cuts);
 
+// What a message to a client is, once its display line has been made.
+enum class MessageKind { other, notify, response };
+// A client's view of one message: a notification (tested first, so a text
+// holding both tags is one) or a response, parsed and formatted into out as
+// the one line cli shows; out is left empty for anything else.
+MessageKind format_message(std::string_view text, std::span<char> out);
+
 // Heap texts below belong to the caller (released with free()); null on failure.
 tx::HeapText cut_notify(std::string_view message);
 tx::HeapText cut_response(std::string_view message);
