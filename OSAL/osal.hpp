@@ -1,9 +1,9 @@
 // OS abstraction layer: logging into the /tmp/osal_log pipe, tasks with stop
 // pipes, named-pipe queues, exit handling, files, select and UDP sockets.
 //
-// Every wrapper checks its arguments, reports a failure through osal_log with
-// the "%s %d [%d, %d]:" prefix (source name, line, process id, kernel thread
-// id) and answers it with -1 or a null result; none ends the process.
+// Every wrapper checks its arguments, reports a failure through osal_report
+// (source name and line) and answers it with -1 or a null result; none ends
+// the process.
 #pragma once
 
 #include <pthread.h>
