@@ -22,17 +22,16 @@ std::string envelope(const char* client, long sub_client, int sequence, const ch
 class Sessions : public testing::Test {
   protected:
     void SetUp() override { fake::reset(); }
-    CliConnector* cli = &fake::cli;
 };
 
 TEST_F(Sessions, FourClientsHoldTheTableAndAFifthIsTurnedAway) {
     // A keep-alive takes a session as well, but stays in the connector.
     const char* keep_alive = "<request><action>cli_keep_alive</action></request>";
-    EXPECT_EQ(cli_handle_client_message(cli, fake::message(101, keep_alive)), 1);
+    EXPECT_EQ(cli_handle_client_message(&fake::cli, fake::message(101, keep_alive)), 1);
     for (long pid : {102, 103, 104})
-        EXPECT_EQ(cli_handle_client_message(cli, fake::message(pid, kGet)), 1);
-    EXPECT_EQ(cli_handle_client_message(cli, fake::message(105, kGet)), 0);
-    EXPECT_EQ(cli_handle_client_message(cli, fake::message(101, kGet)), 1);
+        EXPECT_EQ(cli_handle_client_message(&fake::cli, fake::message(pid, kGet)), 1);
+    EXPECT_EQ(cli_handle_client_message(&fake::cli, fake::message(105, kGet)), 0);
+    EXPECT_EQ(cli_handle_client_message(&fake::cli, fake::message(101, kGet)), 1);
 
     EXPECT_EQ(
         fake::transport.written,
@@ -47,14 +46,14 @@ TEST_F(Sessions, OneSessionExpiresPerPassOnceItIsOlderThanThirtySeconds) {
     // Last seen 30.0 s, 30.9 s (31 by the seconds alone), 31.1 s and 100.5 s ago.
     const long seen[][3] = {{11, 970, 500000}, {12, 969, 600000}, {13, 969, 400000}, {14, 900, 0}};
     for (std::size_t i = 0; i < std::size(seen); ++i) {
-        cli->sessions[i].pid = static_cast<int>(seen[i][0]);
-        cli->sessions[i].seen_sec = seen[i][1];
-        cli->sessions[i].seen_usec = seen[i][2];
+        fake::cli.sessions[i].pid = static_cast<int>(seen[i][0]);
+        fake::cli.sessions[i].seen_sec = seen[i][1];
+        fake::cli.sessions[i].seen_usec = seen[i][2];
     }
     const timeval now{1000, 500000};
-    EXPECT_EQ(cli_expire_one(cli, now), 13);
-    EXPECT_EQ(cli_expire_one(cli, now), 14);
-    EXPECT_EQ(cli_expire_one(cli, now), 0);
+    EXPECT_EQ(cli_expire_one(&fake::cli, now), 13);
+    EXPECT_EQ(cli_expire_one(&fake::cli, now), 14);
+    EXPECT_EQ(cli_expire_one(&fake::cli, now), 0);
     // Their undelivered replies go with them.
     EXPECT_EQ(fake::transport.flushed, (std::vector<long>{13, 14}));
 }

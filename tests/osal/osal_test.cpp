@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdint>
 #include <thread>
 
 #include "osal/log_capture.hpp"
@@ -52,7 +51,7 @@ TEST(Smoke, TaskStartsOnceAndStops) {
     EXPECT_EQ(osal_task_stop(&task), 0);
     void* result = nullptr;
     pthread_join(task.thread, &result);
-    EXPECT_EQ(reinterpret_cast<std::intptr_t>(result), 7);
+    EXPECT_EQ(result, reinterpret_cast<void*>(7));
 }
 
 TEST(Smoke, ExitFilesSelectAndMutex) {
