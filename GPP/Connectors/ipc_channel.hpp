@@ -13,8 +13,8 @@ inline constexpr std::size_t IPC_TEXT_LEN = 512;
 inline constexpr std::size_t IPC_PAYLOAD_LEN = 4 + IPC_TEXT_LEN;
 
 struct IpcMessage {
-    long type;               // the process id of the client concerned
-    std::int32_t word;       // passed through unchanged; every sender passes 0
+    long type;          // the process id of the client concerned
+    std::int32_t word;  // passed through unchanged; every sender passes 0
     char text[IPC_TEXT_LEN];
 };
 

@@ -55,6 +55,20 @@ int parse_notify(const char* text, std::size_t length, NotifyRecord* record);
 int format_response(const RequestRecord& record, std::span<char> out);
 int format_notify(const NotifyRecord& record, std::span<char> out);
 
+// How far each piece of a notification line is cut: the event, the target
+// and every slot name and value at `item` characters, a single value at
+// `single`. Each rendering of the line has its own.
+struct NotifyLineCuts {
+    std::size_t item;
+    std::size_t single;
+};
+// Writes "notify EVENT [TARGET] VALUE" or "notify EVENT [TARGET] NAME VALUE
+// ..." from the start of out, bounded by out: slots need a name and a value,
+// and a list value with a blank in it is quoted. One trailing blank is
+// dropped. Returns the length.
+std::size_t render_notify_line(const NotifyRecord& record, std::span<char> out,
+                               NotifyLineCuts cuts);
+
 // What a message to a client is, once its display line has been made.
 enum class MessageKind { other, notify, response };
 // A client's view of one message: a notification (tested first, so a text

@@ -136,7 +136,7 @@ void run_line(Editor& editor, const char* line, uid_t uid) {
         case Builtin::exit:
             // History is not saved on this way out.
             editor.reset();
-            kill(find_pid_by_name("cliconn"), SIGUSR2);
+            cli_notify_departure();
             if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
             std::exit(0);
         case Builtin::echo:
