@@ -49,7 +49,8 @@ void add_sanitizer_options() {
     add_sanitizer_options();
     for (std::string& entry : env) {
         // The emulator hands a preloaded target library to the emulated loader.
-        if (!emulator().empty() && entry.starts_with("LD_PRELOAD=")) entry = "TX_TARGET_" + entry;
+        if (!emulator().empty() && entry.starts_with("LD_PRELOAD="))
+            entry = "TX_TARGET_PRELOAD" + entry.substr(entry.find('='));
         putenv(entry.data());
     }
     const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
