@@ -1,9 +1,9 @@
 // OS abstraction layer: logging into the /tmp/osal_log pipe, tasks with stop
 // pipes, named-pipe queues, exit handling, files, select and UDP sockets.
 //
-// Every wrapper checks its arguments, reports a failure through osal_log with
-// the "%s %d [%d, %d]:" prefix (source name, line, process id, kernel thread
-// id) and answers it with -1 or a null result; none ends the process.
+// Every wrapper checks its arguments, reports a failure through osal_report
+// (source name and line) and answers it with -1 or a null result; none ends
+// the process.
 #pragma once
 
 #include <pthread.h>
@@ -21,7 +21,14 @@
 void osal_log(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 void osal_set_log_threshold(int level);
 
-// The calling thread's kernel thread id (used in the "%s %d [%d, %d]:" prefix).
+// A level-0 record that reports from inside a source file: the prefix
+// "%s %d [%d, %d]:" (source, line, process id, kernel thread id) followed by
+// the formatted text, cut as one text. A bare report, where the source and
+// line are the message, passes "\n".
+void osal_report(const char* source, int line, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+// The calling thread's kernel thread id.
 int osal_gettid();
 
 // --------------------------------------------------------- named-pipe queues

@@ -7,7 +7,6 @@
 #include <ctime>
 
 #include "osal.hpp"
-#include "osal_report.hpp"
 
 namespace {
 
@@ -32,11 +31,11 @@ void exit_signal_handler(int, siginfo_t*, void*) {
 
 int osal_exit_init() {
     if (pthread_mutex_init(&exit_mutex, nullptr) != 0) {
-        osal_detail::report(kSource, 91);
+        osal_report(kSource, 91, "\n");
         return -1;
     }
     if (pthread_cond_init(&exit_condition, nullptr) != 0) {
-        osal_detail::report(kSource, 95);
+        osal_report(kSource, 95, "\n");
         return -1;
     }
     exit_requested.store(0);
@@ -45,11 +44,11 @@ int osal_exit_init() {
     sigemptyset(&action.sa_mask);
     action.sa_flags = SA_SIGINFO;
     if (sigaction(SIGINT, &action, nullptr) != 0) {
-        osal_detail::report(kSource, 109);
+        osal_report(kSource, 109, "\n");
         return -1;
     }
     if (sigaction(SIGTERM, &action, nullptr) != 0) {
-        osal_detail::report(kSource, 113);
+        osal_report(kSource, 113, "\n");
         return -1;
     }
     return 0;

@@ -5,7 +5,6 @@
 #include <atomic>
 
 #include "osal.hpp"
-#include "osal_report.hpp"
 
 namespace {
 
@@ -31,7 +30,7 @@ int random_descriptor() {
 
 int osal_file_open(const char* path, unsigned options) {
     if (path == nullptr) {
-        osal_detail::report(kSource, 45);
+        osal_report(kSource, 45, "\n");
         return -1;
     }
     int flags = (options & OSAL_FILE_RDWR_TRUNC) != 0 ? (O_RDWR | O_TRUNC) : O_RDONLY;
@@ -47,7 +46,7 @@ int osal_file_open(const char* path, unsigned options) {
 
 long osal_file_read(int fd, void* buffer, std::size_t length) {
     if (buffer == nullptr) {
-        osal_detail::report(kSource, 96);
+        osal_report(kSource, 96, "\n");
         return -1;
     }
     return static_cast<long>(read(fd, buffer, length));
@@ -55,7 +54,7 @@ long osal_file_read(int fd, void* buffer, std::size_t length) {
 
 long osal_file_write(int fd, const void* buffer, std::size_t length) {
     if (buffer == nullptr) {
-        osal_detail::report(kSource, 111);
+        osal_report(kSource, 111, "\n");
         return -1;
     }
     return static_cast<long>(write(fd, buffer, length));
@@ -72,7 +71,7 @@ void* osal_file_map(int fd, off_t offset, std::size_t length) {
 
 int osal_file_unmap(void* address, std::size_t length) {
     if (address == nullptr) {
-        osal_detail::report(kSource, 143);
+        osal_report(kSource, 143, "\n");
         return -1;
     }
     return munmap(address, length) == 0 ? 0 : -1;

@@ -6,7 +6,6 @@
 #include <cstdio>
 
 #include "osal.hpp"
-#include "osal_report.hpp"
 
 namespace {
 constexpr const char* kSource = "osal_queue";
@@ -22,7 +21,7 @@ int change_status_flags(int fd, bool nonblocking) {
 
 int osal_queue_open(const char* name) {
     if (name == nullptr) {
-        osal_detail::report(kSource, 42);
+        osal_report(kSource, 42, "\n");
         return -1;
     }
     std::array<char, kPathLen> path{};
@@ -40,7 +39,7 @@ int osal_queue_open(const char* name) {
 
 long osal_queue_read(int fd, void* buffer, long length) {
     if (buffer == nullptr || length < 0) {
-        osal_detail::report(kSource, 76);
+        osal_report(kSource, 76, "\n");
         return -1;
     }
     return static_cast<long>(read(fd, buffer, static_cast<std::size_t>(length)));
@@ -48,7 +47,7 @@ long osal_queue_read(int fd, void* buffer, long length) {
 
 long osal_queue_write(int fd, const void* buffer, long length) {
     if (buffer == nullptr || length < 0) {
-        osal_detail::report(kSource, 92);
+        osal_report(kSource, 92, "\n");
         return -1;
     }
     return static_cast<long>(write(fd, buffer, static_cast<std::size_t>(length)));

@@ -1,7 +1,6 @@
 #include <sys/select.h>
 
 #include "osal.hpp"
-#include "osal_report.hpp"
 
 namespace {
 constexpr const char* kSource = "osal_select";
@@ -15,7 +14,7 @@ bool selectable(int fd) {
 
 int osal_select_wait_readable(const int* fds, int* ready, int count, int timeout_ms) {
     if (fds == nullptr || count <= 0 || ready == nullptr) {
-        osal_detail::report(kSource, 53);
+        osal_report(kSource, 53, "\n");
         return -1;
     }
     fd_set readable;
@@ -28,7 +27,7 @@ int osal_select_wait_readable(const int* fds, int* ready, int count, int timeout
         if (fds[i] > largest) largest = fds[i];
     }
     if (largest < 0) {
-        osal_detail::report(kSource, 82);
+        osal_report(kSource, 82, "\n");
         return -1;
     }
     timeval timeout{};

@@ -5,7 +5,6 @@
 #include <cstdint>
 
 #include "osal.hpp"
-#include "osal_report.hpp"
 
 namespace {
 
@@ -14,13 +13,8 @@ constexpr int kStopPolls = 10;
 constexpr useconds_t kStopPollUs = 110000;
 constexpr std::size_t kStopToken = 4;
 
-void log_task(int line, const char* text, const char* name) {
-    osal_log(0, text, kSource, line, static_cast<int>(getpid()), osal_gettid(),
-             name != nullptr ? name : "");
-}
-
-void log_text(int line, const char* text) {
-    osal_log(0, text, kSource, line, static_cast<int>(getpid()), osal_gettid());
+const char* name_of(const OsalTaskControl* control) {
+    return control->name != nullptr ? control->name : "";
 }
 
 // Tokens written into the stop pipe before the task ran would stop it at
@@ -43,21 +37,21 @@ void* task_body(void* argument) {
         sched_param param{};
         param.sched_priority = task->priority;
         if (sched_setscheduler(tid, SCHED_FIFO, &param) != 0) {
-            log_text(62, "%s %d [%d, %d]:Task priority not set!!\n");
+            osal_report(kSource, 62, "Task priority not set!!\n");
         }
     }
 
     const int stop_fd = osal_queue_open(control->name);
     control->stop_fd.store(stop_fd);
     if (stop_fd < 0) {
-        log_text(71, "%s %d [%d, %d]:Task will not be stopped!!\n");
+        osal_report(kSource, 71, "Task will not be stopped!!\n");
     } else {
         discard_stale_tokens(stop_fd);
     }
 
-    log_task(88, "%s %d [%d, %d]:Task %s running\n", control->name);
+    osal_report(kSource, 88, "Task %s running\n", name_of(control));
     const int result = task->entry(control);
-    log_task(90, "%s %d [%d, %d]:Task %s stopped\n", control->name);
+    osal_report(kSource, 90, "Task %s stopped\n", name_of(control));
     if (stop_fd >= 0) (void)osal_queue_close(stop_fd);
     return reinterpret_cast<void*>(static_cast<std::intptr_t>(result));
 }
@@ -66,15 +60,15 @@ void* task_body(void* argument) {
 
 int osal_task_start(OsalTask* task) {
     if (task == nullptr) {
-        osal_detail::report(kSource, 103);
+        osal_report(kSource, 103, "\n");
         return -1;
     }
     if (task->entry == nullptr) {
-        osal_detail::report(kSource, 108);
+        osal_report(kSource, 108, "\n");
         return -1;
     }
     if (task->control == nullptr) {
-        osal_detail::report(kSource, 113);
+        osal_report(kSource, 113, "\n");
         return -1;
     }
     OsalTaskControl* control = task->control;
@@ -84,7 +78,7 @@ int osal_task_start(OsalTask* task) {
     control->stop_request.store(0);
     if (pthread_create(&task->thread, nullptr, task_body, task) != 0) {
         control->running.store(0);
-        osal_detail::report(kSource, 137);
+        osal_report(kSource, 137, "\n");
         return -1;
     }
     return 0;
@@ -94,7 +88,7 @@ int osal_task_stop(OsalTask* task) {
     if (task == nullptr || task->control == nullptr) return -1;
     OsalTaskControl* control = task->control;
     if (control->running.load() == 0) return -1;
-    log_task(163, "%s %d [%d, %d]:Task %s stopping\n", control->name);
+    osal_report(kSource, 163, "Task %s stopping\n", name_of(control));
 
     control->stop_request.store(1);
     // The token's content means nothing: the readable bytes wake the task.

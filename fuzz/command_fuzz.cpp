@@ -1,6 +1,8 @@
 // Arbitrary command lines (up to 500 bytes, any bytes) through the matcher as
-// root and as an ordinary user, through one handler chosen by the first byte,
-// and every resulting record through the request renderer.
+// root and as an ordinary user, with the row it picks checked against a plain
+// scan from the key index position; through the handler of a row chosen by
+// the first byte; and every resulting record through the request renderer.
+#include <regex.h>
 #include <stdlib.h>
 
 #include <array>
@@ -8,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "matcher_detail.hpp"
 #include "regexparser.hpp"
@@ -18,34 +21,7 @@ namespace {
 constexpr std::size_t kMaxLine = 500;
 constexpr std::size_t kCallerBuffer = 256;
 
-constexpr std::array<command_handler, 26> kHandlers = {
-    handle_get,
-    handle_get_voip,
-    handle_set,
-    handle_set_voip,
-    handle_set_plain,
-    handle_set_as_report,
-    handle_set_multi,
-    handle_line_value,
-    handle_mic_report,
-    handle_mic_get,
-    handle_line_get,
-    handle_reset_setting,
-    handle_call_info_report,
-    handle_call_action,
-    handle_dial,
-    handle_swap,
-    handle_transfer,
-    handle_join,
-    handle_source_target,
-    handle_property_value,
-    handle_property_only,
-    handle_single_arg,
-    handle_word_only,
-    handle_regnotify,
-    handle_cam_decrement,
-    handle_cam_increment,
-};
+const std::size_t kRows = tx::grammar::count_rows(command_table);
 
 void render(const RequestRecord& record) {
     std::array<char, kCallerBuffer> out{};
@@ -53,6 +29,30 @@ void render(const RequestRecord& record) {
     if (out.back() != '\0') {
         std::abort();
     }
+}
+
+// Every row's expression, compiled once.
+struct CompiledTable {
+    std::vector<regex_t> rows = std::vector<regex_t>(kRows);
+    CompiledTable() {
+        for (std::size_t row = 0; row < kRows; ++row) {
+            regcomp(&rows[row], command_table[row].regex, REG_EXTENDED | REG_NEWLINE);
+        }
+    }
+    ~CompiledTable() {
+        for (regex_t& re : rows) regfree(&re);
+    }
+};
+
+// The first row from `start` on whose expression accepts the line.
+const command_entry* first_accepting_row(const std::string& line, std::size_t start) {
+    static const CompiledTable compiled;
+    for (std::size_t row = start; row < kRows; ++row) {
+        if (regexec(&compiled.rows[row], line.c_str(), 0, nullptr, 0) == 0) {
+            return &command_table[row];
+        }
+    }
+    return nullptr;
 }
 
 }  // namespace
@@ -71,6 +71,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string line(reinterpret_cast<const char*>(data), size);
     const tx::grammar::Matcher& matcher = tx::grammar::command_matcher();
 
+    // Kept expressions and literal prefixes pick what compiling and trying
+    // each row would.
+    const auto start = static_cast<std::size_t>(matcher.lookup(line.c_str(), line.size()));
+    if (matcher.find(line.c_str(), line.size(), 0) != first_accepting_row(line, start)) {
+        std::abort();
+    }
     for (uid_t uid : {uid_t{0}, uid_t{1001}}) {
         RequestRecord record{};
         matcher.match(line.c_str(), line.size(), &record, uid);
@@ -79,8 +85,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     if (size > 0) {
         RequestRecord record{};
-        const command_handler handler = kHandlers[data[0] % kHandlers.size()];
-        handler(line.c_str() + 1, line.size() - 1, &record, nullptr);
+        const command_entry& row = command_table[data[0] % kRows];
+        row.handler(line.c_str() + 1, line.size() - 1, &record, &row);
         render(record);
     }
     return 0;

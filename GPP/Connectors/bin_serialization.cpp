@@ -58,11 +58,8 @@ const char* pair_second_of(std::string_view first, const TextPair* pairs) {
     return nullptr;
 }
 
-std::size_t strip_trailing_space(char* text) {
-    if (text == nullptr) return 0;
-    std::size_t length = std::strlen(text);
-    if (length >= 2 && text[length - 1] == ' ') {
-        text[--length] = '\0';
-    }
+std::size_t strip_trailing_space(std::span<char> text) {
+    std::size_t length = strnlen(text.data(), text.size());
+    if (length >= 2 && text[length - 1] == ' ') text[--length] = '\0';
     return length;
 }

@@ -32,4 +32,4 @@ const char* pair_second_of(std::string_view first, const TextPair* pairs);
 
 // Removes one trailing blank from a text of at least 2 characters; returns the
 // resulting length.
-std::size_t strip_trailing_space(char* text);
+std::size_t strip_trailing_space(std::span<char> text);

@@ -1,7 +1,6 @@
 #include "cgi_connector.hpp"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,12 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
-#include "bin_serialization.hpp"
-#include "client_receiver.hpp"
+#include "connector_common.hpp"
 #include "fixed_text.hpp"
 #include "osal.hpp"
 #include "queue.hpp"
@@ -27,35 +24,24 @@ int no_hook(CgiConnector*) {
     return 0;
 }
 
-// The receiver and the registration both write to the core; the pair keeps
-// its out descriptor and its sequence counter in shared fields.
-std::mutex core_write_mutex;
-
-int write_to_core(CgiConnector* connector, const IpcMessage& message) {
-    std::lock_guard lock(core_write_mutex);
-    char sequence[16] = {};
-    std::snprintf(sequence, sizeof sequence, "%d", connector->pair->next_sequence(connector->pair));
-    tx::HeapText envelope = wrap_client_request(message, connector->name, sequence);
-    if (!envelope || envelope.get()[0] == '\0') return -1;
-    return connector->pair->write(connector->pair, envelope.get(), CORE_RECORD_LEN);
-}
-
-constexpr std::size_t NAME_LIMIT = 65;
-constexpr std::size_t SINGLE_LIMIT = 321;
+constexpr const char* kSource = "cgi_connector";
+// The notification line's pieces are cut one by one; the 256-byte line
+// bounds their sum.
+constexpr NotifyLineCuts kLineCuts{65, 321};
 
 struct DirCloser {
     void operator()(DIR* dir) const noexcept { closedir(dir); }
 };
 
-// Names of the marker files in dir whose process is gone.
-std::vector<std::string> dead_markers(const CgiConnector* connector) {
+// Names of the marker files in /tmp whose process is gone.
+std::vector<std::string> dead_markers() {
     std::vector<std::string> dead;
-    std::unique_ptr<DIR, DirCloser> dir(opendir(connector->tmp_dir));
+    std::unique_ptr<DIR, DirCloser> dir(opendir("/tmp"));
     if (!dir) return dead;
     while (const dirent* entry = readdir(dir.get())) {
         const std::string_view pid = cgi_marker_pid(entry->d_name);
         if (pid.empty()) continue;
-        const std::string proc = std::string(connector->proc_dir) + "/" + std::string(pid);
+        const std::string proc = "/proc/" + std::string(pid);
         struct stat st {};
         // Only a definite "no such process" counts as dead.
         if (stat(proc.c_str(), &st) == 0 || errno != ENOENT) continue;
@@ -74,15 +60,11 @@ CgiConnector cgi_connector = {
     .handle_client_message = cgi_handle_client_message,
     .hook_a = no_hook,
     .hook_b = no_hook,
-    .threads = {},
-    .thread_started = {},
     .thread_routines = {cgi_client_receiver, cgi_core_reader},
-    .tmp_dir = "/tmp",
-    .proc_dir = "/proc",
 };
 
 int cgi_handle_client_message(CgiConnector* connector, const IpcMessage& message) {
-    return write_to_core(connector, message);
+    return forward_to_core(connector->pair, connector->name, message);
 }
 
 int cgi_register_for_notifications(CgiConnector* connector) {
@@ -95,59 +77,26 @@ int cgi_register_for_notifications(CgiConnector* connector) {
     // Kept up for as long as the core's pipe can be opened: the core forgets
     // registrations when it restarts. Only a failed open (a positive error
     // number) ends it.
-    while (write_to_core(connector, message) <= 0) {
+    while (forward_to_core(connector->pair, connector->name, message) <= 0) {
         usleep(100000);
     }
     return 1;
 }
 
-std::size_t cgi_render_notify_line(const NotifyRecord& record, std::span<char> out) {
-    if (out.empty()) return 0;
-    out[0] = '\0';
-    tx::append_bounded(out, "notify ");
-    tx::append_bounded(out, tx::field_view(record.event), NAME_LIMIT);
-    tx::append_bounded(out, " ");
-    if (record.target[0] != '\0') {
-        tx::append_bounded(out, tx::field_view(record.target), NAME_LIMIT);
-        tx::append_bounded(out, " ");
-    }
-    if (record.value_mode == PARSED_MODE_SINGLE) {
-        tx::append_bounded(out, tx::field_view(record.values.single), SINGLE_LIMIT);
-        tx::append_bounded(out, " ");
-    } else if (record.value_mode == PARSED_MODE_LIST) {
-        for (const RecordSlot& slot : record.values.slots) {
-            const std::string_view name = tx::field_view(slot.name);
-            const std::string_view value = tx::field_view(slot.value);
-            if (name.empty() || value.empty()) continue;
-            tx::append_bounded(out, name, NAME_LIMIT);
-            tx::append_bounded(out, " ");
-            const bool quote = value.find(' ') != std::string_view::npos;
-            if (quote) tx::append_bounded(out, "\"");
-            tx::append_bounded(out, value, NAME_LIMIT);
-            if (quote) tx::append_bounded(out, "\"");
-            tx::append_bounded(out, " ");
-        }
-    }
-    return strip_trailing_space(out.data());
-}
-
-int cgi_write_inter_comm(const char* dir, std::string_view line) {
-    const std::string path = std::string(dir) + "/" + CGI_INTER_COMM_NAME;
-    mkfifo(path.c_str(), 0666);
-    // Opened read-write, as the pipe queues are, so that the open never waits
-    // for a reader; non-blocking so that a full pipe never stalls the worker.
-    const int fd = open(path.c_str(), O_RDWR);
+int cgi_write_inter_comm(std::string_view line) {
+    // A pipe queue never waits for a reader to open; non-blocking, a full
+    // pipe never stalls the worker either.
+    const int fd = osal_queue_open(CGI_INTER_COMM_NAME);
     if (fd < 0) {
-        osal_log(0, "%s %d [%d, %d]:\n", "cgi_connector", 500, static_cast<int>(getpid()),
-                 osal_gettid());
+        osal_report(kSource, 500, "\n");
         return -1;
     }
-    fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
+    osal_queue_set_nonblocking(fd);
     char record[CGI_LINE_LEN] = {};
     tx::copy_bounded(record, line);
-    const ssize_t written = write(fd, record, sizeof record);
-    close(fd);
-    return written == static_cast<ssize_t>(sizeof record) ? 0 : -1;
+    const long written = osal_queue_write(fd, record, sizeof record);
+    osal_queue_close(fd);
+    return written == static_cast<long>(sizeof record) ? 0 : -1;
 }
 
 CgiRoute cgi_worker_step(CgiConnector* connector, std::string_view record) {
@@ -159,9 +108,8 @@ CgiRoute cgi_worker_step(CgiConnector* connector, std::string_view record) {
         NotifyRecord parsed{};
         parse_notify(notify.get(), std::strlen(notify.get()) + 1, &parsed);
         char line[CGI_LINE_LEN] = {};
-        cgi_render_notify_line(parsed, line);
-        return cgi_write_inter_comm(connector->tmp_dir, line) == 0 ? CgiRoute::notified
-                                                                   : CgiRoute::notify_failed;
+        render_notify_line(parsed, line, kLineCuts);
+        return cgi_write_inter_comm(line) == 0 ? CgiRoute::notified : CgiRoute::notify_failed;
     }
     if (!is_server_response(record)) return CgiRoute::dropped;
     if (message_contains(record, "client_register_notify")) return CgiRoute::registration;
@@ -172,8 +120,7 @@ CgiRoute cgi_worker_step(CgiConnector* connector, std::string_view record) {
     char text[IPC_TEXT_LEN] = {};
     tx::copy_bounded(text, response.get());
     if (connector->channel->send(connector->channel, text, pid, 0)) return CgiRoute::sent;
-    osal_log(0, "%s %d [%d, %d]:cgi message queue is full, clear the queue.\n", "cgi_connector",
-             373, static_cast<int>(getpid()), osal_gettid());
+    osal_report(kSource, 373, "cgi message queue is full, clear the queue.\n");
     // Every waiting reply to every CGI client is given up for this one.
     connector->channel->flush(connector->channel, 0);
     connector->channel->send(connector->channel, text, pid, 0);
@@ -190,13 +137,13 @@ std::string_view cgi_marker_pid(std::string_view file_name) {
 }
 
 int cgi_monitor_pass(CgiConnector* connector) {
-    for (const std::string& name : dead_markers(connector)) {
+    for (const std::string& name : dead_markers()) {
         const std::string pid(cgi_marker_pid(name));
         connector->channel->flush(connector->channel, std::strtol(pid.c_str(), nullptr, 10));
     }
     int deleted = 0;
-    for (const std::string& name : dead_markers(connector)) {
-        const std::string path = std::string(connector->tmp_dir) + "/" + name;
+    for (const std::string& name : dead_markers()) {
+        const std::string path = "/tmp/" + name;
         if (std::remove(path.c_str()) == 0) ++deleted;
     }
     return deleted;
@@ -207,18 +154,10 @@ void* cgi_client_receiver(void* arg) {
 }
 
 void* cgi_core_reader(void* arg) {
-    auto* connector = static_cast<CgiConnector*>(arg);
-    char record[CORE_RECORD_LEN + 1];
-    for (;;) {
-        std::memset(record, 0, sizeof record);
-        connector->pair->read(connector->pair, record, CORE_RECORD_LEN);
-        if (record[0] == '\0') {
-            usleep(10000);  // the core closed its end; wait for it to return
-            continue;
-        }
-        message_stack_push(record);
-    }
-    return nullptr;
+    // The worker takes the records off the stack, newest first.
+    read_core_records(
+        static_cast<CgiConnector*>(arg)->pair,
+        [](void*, std::string_view text) { message_stack_push(text); }, nullptr);
 }
 
 void* cgi_worker(void* arg) {

@@ -20,21 +20,18 @@ inline constexpr const char* CGI_MARKER_PREFIX = "cgi_rx_";
 inline constexpr const char* CGI_MARKER_SUFFIX = ".txt";
 inline constexpr int CGI_MONITOR_PERIOD_S = 10;
 
+// Fields that an instance does not name start empty.
 struct CgiConnector {
     char name[64];
-    IpcChannel* channel;
-    FdPair* pair;
-    int (*start)(CgiConnector* connector);
-    int (*handle_client_message)(CgiConnector* connector, const IpcMessage& message);
-    int (*hook_a)(CgiConnector* connector);
-    int (*hook_b)(CgiConnector* connector);
-    pthread_t threads[2];
-    bool thread_started[2];
-    void* (*thread_routines[2])(void* connector);  // client receiver, core reader
-    // Where the notification lines go and where markers live; /tmp on the
-    // device, elsewhere only in tests.
-    const char* tmp_dir;
-    const char* proc_dir;
+    IpcChannel* channel = nullptr;
+    FdPair* pair = nullptr;
+    int (*start)(CgiConnector* connector) = nullptr;
+    int (*handle_client_message)(CgiConnector* connector, const IpcMessage& message) = nullptr;
+    int (*hook_a)(CgiConnector* connector) = nullptr;
+    int (*hook_b)(CgiConnector* connector) = nullptr;
+    pthread_t threads[2] = {};
+    bool thread_started[2] = {};
+    void* (*thread_routines[2])(void* connector) = {};  // client receiver, core reader
 };
 
 // The process's connector: "CGI", cgi_connector_channel, FIFO pair 0.
@@ -54,14 +51,9 @@ int cgi_handle_client_message(CgiConnector* connector, const IpcMessage& message
 // the request cannot be rendered.
 int cgi_register_for_notifications(CgiConnector* connector);
 
-// The one-line form of a notification written to CgiInterComm:
-// "notify EVENT [TARGET] VALUE" or "notify EVENT [TARGET] name value ...".
-// Returns the length.
-std::size_t cgi_render_notify_line(const NotifyRecord& record, std::span<char> out);
-
-// Writes line as one 256-byte NUL-padded record into the CgiInterComm pipe
-// under dir. Returns 0, or -1 when the pipe cannot be opened or written.
-int cgi_write_inter_comm(const char* dir, std::string_view line);
+// Writes line as one 256-byte NUL-padded record into /tmp/CgiInterComm.
+// Returns 0, or -1 when the pipe cannot be opened or written.
+int cgi_write_inter_comm(std::string_view line);
 
 // What the worker did with one record from the core.
 enum class CgiRoute {

@@ -3,18 +3,17 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <string>
 
-#include "client_receiver.hpp"
+#include "connector_common.hpp"
 #include "fixed_text.hpp"
 #include "osal.hpp"
 #include "xml_messages.hpp"
-#include "xmltree.hpp"
 
 namespace {
 
@@ -30,6 +29,31 @@ void send_text(CliConnector* connector, const char* text, long type) {
     connector->channel->send(connector->channel, text, type, 0);
 }
 
+int report_lock_failure(int rc, const char* text) {
+    if (rc != 0) {
+        errno = rc;
+        std::perror(text);
+    }
+    return rc;
+}
+
+bool is_keep_alive(std::string_view text) {
+    RequestRecord request{};
+    parse_response(text.data(), text.size(), &request);
+    return tx::field_view(request.action) == CLI_KEEP_ALIVE_ACTION;
+}
+
+// A keep-alive only refreshes the session; anything else goes to the core.
+// Returns 1 for a keep-alive, 0 for a written record, otherwise the error.
+int forward(CliConnector* connector, const IpcMessage& message) {
+    if (is_keep_alive(tx::field_view(message.text))) return 1;
+    return forward_to_core(connector->pair, connector->name, message);
+}
+
+void route_core_text(void* connector, std::string_view text) {
+    cli_route_core_record(static_cast<CliConnector*>(connector), text);
+}
+
 }  // namespace
 
 CliConnector cli_connector = {
@@ -40,54 +64,17 @@ CliConnector cli_connector = {
     .handle_client_message = cli_handle_client_message,
     .hook_a = no_hook,
     .hook_b = no_hook,
-    .session_mutex = PTHREAD_MUTEX_INITIALIZER,
-    .sessions = {},
-    .threads = {},
-    .thread_started = {},
     .thread_routines = {cli_client_receiver, cli_session_monitor, cli_core_reader},
-    .wake_mutex = PTHREAD_MUTEX_INITIALIZER,
-    .wake = PTHREAD_COND_INITIALIZER,
 };
 
 int cli_lock_sessions(CliConnector* connector) {
-    const int rc = pthread_mutex_lock(&connector->session_mutex);
-    if (rc != 0) {
-        errno = rc;
-        std::perror("Failed to lock session objects.");
-    }
-    return rc;
+    return report_lock_failure(pthread_mutex_lock(&connector->session_mutex),
+                               "Failed to lock session objects.");
 }
 
 int cli_unlock_sessions(CliConnector* connector) {
-    const int rc = pthread_mutex_unlock(&connector->session_mutex);
-    if (rc != 0) {
-        errno = rc;
-        std::perror("Failed to unlock session objects.");
-    }
-    return rc;
-}
-
-bool cli_is_keep_alive(std::string_view text) {
-    // The parser works in place and needs its own terminated copy.
-    std::string copy(text.substr(0, text.find('\0')));
-    if (copy.empty()) return false;
-    XmlDocumentPtr doc(xml_parse_string(copy.data(), copy.size() + 1));
-    if (!doc || doc->error[0] != '\0') return false;
-    XmlNode* action = xml_child(doc.get(), "action");
-    return action != nullptr && action->text != nullptr &&
-           std::strcmp(action->text, CLI_KEEP_ALIVE_ACTION) == 0;
-}
-
-int cli_forward(CliConnector* connector, const IpcMessage& message) {
-    const std::string_view text = tx::field_view(message.text);
-    // A keep-alive only refreshes the session.
-    if (cli_is_keep_alive(text)) return 1;
-    char sequence[16] = {};
-    std::snprintf(sequence, sizeof sequence, "%d", connector->pair->next_sequence(connector->pair));
-    tx::HeapText envelope = wrap_client_request(message, connector->name, sequence);
-    if (!envelope || envelope.get()[0] == '\0') return -1;
-    // The envelope is a 512-byte allocation: the pair pads and writes it whole.
-    return connector->pair->write(connector->pair, envelope.get(), CORE_RECORD_LEN);
+    return report_lock_failure(pthread_mutex_unlock(&connector->session_mutex),
+                               "Failed to unlock session objects.");
 }
 
 int cli_handle_client_message(CliConnector* connector, const IpcMessage& message) {
@@ -123,7 +110,7 @@ int cli_handle_client_message(CliConnector* connector, const IpcMessage& message
         send_text(connector, CLI_TERMINATE_TEXT, pid);
         return 0;
     }
-    const int rc = cli_forward(connector, message);
+    const int rc = forward(connector, message);
     return rc == 0 || rc == 1 ? 1 : -1;
 }
 
@@ -168,8 +155,8 @@ int cli_route_core_record(CliConnector* connector, std::string_view record) {
     }
     const long pid = sub_client_id_of(record);
     if (pid <= 0) {
-        osal_log(0, "%s %d [%d, %d]:response without a client: %.80s\n", "cli_connector", __LINE__,
-                 static_cast<int>(getpid()), osal_gettid(), std::string(record).c_str());
+        osal_report("cli_connector", __LINE__, "response without a client: %.*s\n",
+                    static_cast<int>(std::min<std::size_t>(record.size(), 80)), record.data());
         return 0;
     }
     tx::HeapText response = cut_response(record);
@@ -209,20 +196,7 @@ void* cli_session_monitor(void* arg) {
 }
 
 void* cli_core_reader(void* arg) {
-    auto* connector = static_cast<CliConnector*>(arg);
-    char record[CORE_RECORD_LEN + 1];
-    for (;;) {
-        std::memset(record, 0, sizeof record);
-        connector->pair->read(connector->pair, record, CORE_RECORD_LEN);
-        if (record[0] == '\0') {
-            // Nothing read: the pair reported an error or the core closed its
-            // end. Do not spin while it is away.
-            usleep(10000);
-            continue;
-        }
-        cli_route_core_record(connector, std::string_view(record, CORE_RECORD_LEN));
-    }
-    return nullptr;
+    read_core_records(static_cast<CliConnector*>(arg)->pair, route_core_text, arg);
 }
 
 int cli_connector_start(CliConnector* connector) {

@@ -28,21 +28,22 @@ struct CliSession {
     std::atomic<long> seen_usec;
 };
 
+// Fields that an instance does not name start empty.
 struct CliConnector {
     char name[64];
-    IpcChannel* channel;
-    FdPair* pair;
-    int (*start)(CliConnector* connector);
-    int (*handle_client_message)(CliConnector* connector, const IpcMessage& message);
-    int (*hook_a)(CliConnector* connector);
-    int (*hook_b)(CliConnector* connector);
-    pthread_mutex_t session_mutex;
-    CliSession sessions[CLI_SESSION_COUNT];
-    pthread_t threads[3];
-    bool thread_started[3];
-    void* (*thread_routines[3])(void* connector);  // receiver, monitor, core reader
-    pthread_mutex_t wake_mutex;
-    pthread_cond_t wake;
+    IpcChannel* channel = nullptr;
+    FdPair* pair = nullptr;
+    int (*start)(CliConnector* connector) = nullptr;
+    int (*handle_client_message)(CliConnector* connector, const IpcMessage& message) = nullptr;
+    int (*hook_a)(CliConnector* connector) = nullptr;
+    int (*hook_b)(CliConnector* connector) = nullptr;
+    pthread_mutex_t session_mutex = PTHREAD_MUTEX_INITIALIZER;
+    CliSession sessions[CLI_SESSION_COUNT] = {};
+    pthread_t threads[3] = {};
+    bool thread_started[3] = {};
+    void* (*thread_routines[3])(void* connector) = {};  // receiver, monitor, core reader
+    pthread_mutex_t wake_mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t wake = PTHREAD_COND_INITIALIZER;
 };
 
 // The process's connector: "CLI", cli_connector_channel, FIFO pair 1.
@@ -57,13 +58,6 @@ int cli_connector_start(CliConnector* connector);
 // Returns 1 when the message was forwarded (or was a keep-alive), 0 when the
 // client was told to terminate, -1 when the forward failed.
 int cli_handle_client_message(CliConnector* connector, const IpcMessage& message);
-
-// Forwards one client text to the core unless it is a keep-alive. Returns 1
-// for a keep-alive, 0 for a written record, otherwise the pair's error.
-int cli_forward(CliConnector* connector, const IpcMessage& message);
-
-// True when the text is a request whose action is exactly "cli_keep_alive".
-bool cli_is_keep_alive(std::string_view text);
 
 // Finds the first session older than the expiry at `now`, frees it and
 // flushes its undelivered replies. Returns the dropped pid, or 0.

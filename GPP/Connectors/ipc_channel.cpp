@@ -208,3 +208,4 @@ void ipc_remove_stale_queue(key_t key) {
 IpcChannel cli_client_channel = make_channel("/tmp/cli_out_token", "/tmp/cli_in_token");
 IpcChannel cli_connector_channel = make_channel("/tmp/cli_in_token", "/tmp/cli_out_token");
 IpcChannel cgi_connector_channel = make_channel("/tmp/cgi_in_token", "/tmp/cgi_out_token");
+IpcChannel cgi_client_channel = make_channel("/tmp/cgi_out_token", "/tmp/cgi_in_token");

@@ -13,8 +13,8 @@ inline constexpr std::size_t IPC_TEXT_LEN = 512;
 inline constexpr std::size_t IPC_PAYLOAD_LEN = 4 + IPC_TEXT_LEN;
 
 struct IpcMessage {
-    long type;               // the process id of the client concerned
-    std::int32_t word;       // passed through unchanged; every sender passes 0
+    long type;          // the process id of the client concerned
+    std::int32_t word;  // passed through unchanged; every sender passes 0
     char text[IPC_TEXT_LEN];
 };
 
@@ -39,6 +39,7 @@ struct IpcChannel {
 extern IpcChannel cli_client_channel;     // cli: sends on cli_out_token, role 'u'
 extern IpcChannel cli_connector_channel;  // cliconn: sends on cli_in_token, role 'c'
 extern IpcChannel cgi_connector_channel;  // cgiconn: sends on cgi_in_token, role 'c'
+extern IpcChannel cgi_client_channel;     // a CGI program: sends on cgi_out_token, role 'u'
 
 // Destroys the queue under key if there is one; failures are ignored.
 void ipc_remove_stale_queue(key_t key);

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "bin_serialization.hpp"
 #include "fixed_text.hpp"
 #include "ipc_channel.hpp"
 #include "property_map.hpp"
@@ -20,6 +21,7 @@ namespace {
 // buffer bounds the whole line as well.
 constexpr std::size_t ITEM_CUT = 65;
 constexpr std::size_t SINGLE_CUT = 321;
+constexpr NotifyLineCuts DISPLAY_CUTS{ITEM_CUT, SINGLE_CUT};
 
 // The quoted numbers that follow "message_seq" and "sub_client_id" are read
 // into fields of these capacities.
@@ -53,6 +55,20 @@ struct ParsedCopy {
     }
 };
 
+// Copies the attribute into the field when the element has it.
+void copy_attr(std::span<char> field, XmlNode* node, const char* name) {
+    if (const char* value = xml_attr(node, name); value != nullptr) tx::copy_bounded(field, value);
+}
+
+// Parses the text and hands the root to fill; an unparseable text leaves
+// the record as it was.
+template <class Fill>
+int parse_message(const char* text, std::size_t length, Fill fill) {
+    const ParsedCopy parsed(text, length);
+    if (XmlNode* root = parsed.root(); root != nullptr) fill(root);
+    return 0;
+}
+
 // The "v" elements, shared by responses and notifications.
 void read_values(XmlNode* root, std::uint32_t* mode, RecordValues* values) {
     XmlNode* v = xml_child(root, "v");
@@ -73,12 +89,6 @@ void read_values(XmlNode* root, std::uint32_t* mode, RecordValues* values) {
 void append_item(std::span<char> out, std::string_view item, std::size_t cut = ITEM_CUT) {
     tx::append_bounded(out, item, cut);
     tx::append_bounded(out, " ");
-}
-
-// Drops one trailing blank, but never the only character of the text.
-void drop_trailing_blank(std::span<char> out) {
-    const std::size_t len = strnlen(out.data(), out.size());
-    if (len >= 2 && len < out.size() && out[len - 1] == ' ') out[len - 1] = '\0';
 }
 
 bool slot_used(const RecordSlot& slot) {
@@ -114,34 +124,10 @@ void default_response_format(const RequestRecord& record, std::span<char> out) {
             if (slot_used(slot)) append_item(out, tx::field_view(slot.value));
         }
     }
-    drop_trailing_blank(out);
+    strip_trailing_space(out);
     // A response that parsed to nothing (unparseable text) leaves only the
     // separator behind: there is nothing to show.
     if (std::string_view(out.data(), strnlen(out.data(), out.size())) == " ") out[0] = '\0';
-}
-
-void default_notify_format(const NotifyRecord& record, std::span<char> out) {
-    tx::append_bounded(out, "notify ");
-    append_item(out, tx::field_view(record.event));
-    const std::string_view target = tx::field_view(record.target);
-    if (!target.empty()) append_item(out, target);
-    if (record.value_mode == PARSED_MODE_SINGLE) {
-        append_item(out, tx::field_view(record.values.single), SINGLE_CUT);
-    } else {
-        for (const RecordSlot& slot : record.values.slots) {
-            if (!slot_used(slot)) continue;
-            append_item(out, tx::field_view(slot.name));
-            const std::string_view value = tx::field_view(slot.value);
-            if (value.find(' ') != std::string_view::npos) {
-                tx::append_bounded(out, "\"");
-                tx::append_bounded(out, value, ITEM_CUT);
-                tx::append_bounded(out, "\" ");
-            } else {
-                append_item(out, value);
-            }
-        }
-    }
-    drop_trailing_blank(out);
 }
 
 tx::HeapText heap_copy(std::string_view text) {
@@ -205,35 +191,24 @@ bool is_server_notify(std::string_view message) {
 
 int parse_response(const char* text, std::size_t length, RequestRecord* record) {
     if (record == nullptr) return 0;
-    const ParsedCopy parsed(text, length);
-    XmlNode* root = parsed.root();
-    if (root == nullptr) return 0;
-    if (XmlNode* action = xml_child(root, "action"); action != nullptr && action->text[0] != '\0') {
-        tx::copy_bounded(record->action, action->text);
-        if (const char* property = xml_attr(action, "property"); property != nullptr) {
-            tx::copy_bounded(record->property, property);
+    return parse_message(text, length, [record](XmlNode* root) {
+        XmlNode* action = xml_child(root, "action");
+        if (action != nullptr && action->text[0] != '\0') {
+            tx::copy_bounded(record->action, action->text);
+            copy_attr(record->property, action, "property");
+            copy_attr(record->target, action, "target");
         }
-        if (const char* target = xml_attr(action, "target"); target != nullptr) {
-            tx::copy_bounded(record->target, target);
-        }
-    }
-    read_values(root, &record->value_mode, &record->values);
-    return 0;
+        read_values(root, &record->value_mode, &record->values);
+    });
 }
 
 int parse_notify(const char* text, std::size_t length, NotifyRecord* record) {
     if (record == nullptr) return 0;
-    const ParsedCopy parsed(text, length);
-    XmlNode* root = parsed.root();
-    if (root == nullptr) return 0;
-    if (const char* event = xml_attr(root, "event"); event != nullptr) {
-        tx::copy_bounded(record->event, event);
-    }
-    if (const char* target = xml_attr(root, "target"); target != nullptr) {
-        tx::copy_bounded(record->target, target);
-    }
-    read_values(root, &record->value_mode, &record->values);
-    return 0;
+    return parse_message(text, length, [record](XmlNode* root) {
+        copy_attr(record->event, root, "event");
+        copy_attr(record->target, root, "target");
+        read_values(root, &record->value_mode, &record->values);
+    });
 }
 
 int format_response(const RequestRecord& record, std::span<char> out) {
@@ -254,9 +229,51 @@ int format_notify(const NotifyRecord& record, std::span<char> out) {
         }
     }
     std::vector<char> plain(out.size(), '\0');
-    default_notify_format(record, plain);
+    render_notify_line(record, plain, DISPLAY_CUTS);
     tx::append_bounded(out, tx::field_view(plain));
     return 0;
+}
+
+std::size_t render_notify_line(const NotifyRecord& record, std::span<char> out,
+                               NotifyLineCuts cuts) {
+    if (out.empty()) return 0;
+    out[0] = '\0';
+    tx::append_bounded(out, "notify ");
+    append_item(out, tx::field_view(record.event), cuts.item);
+    const std::string_view target = tx::field_view(record.target);
+    if (!target.empty()) append_item(out, target, cuts.item);
+    if (record.value_mode == PARSED_MODE_SINGLE) {
+        append_item(out, tx::field_view(record.values.single), cuts.single);
+    } else if (record.value_mode == PARSED_MODE_LIST) {
+        for (const RecordSlot& slot : record.values.slots) {
+            if (!slot_used(slot)) continue;
+            append_item(out, tx::field_view(slot.name), cuts.item);
+            const std::string_view value = tx::field_view(slot.value);
+            const bool quoted = value.find(' ') != std::string_view::npos;
+            if (quoted) tx::append_bounded(out, "\"");
+            tx::append_bounded(out, value, cuts.item);
+            tx::append_bounded(out, quoted ? "\" " : " ");
+        }
+    }
+    return strip_trailing_space(out);
+}
+
+MessageKind format_message(std::string_view text, std::span<char> out) {
+    if (out.empty()) return MessageKind::other;
+    out[0] = '\0';
+    if (is_notify(text)) {
+        NotifyRecord record{};
+        parse_notify(text.data(), text.size(), &record);
+        format_notify(record, out);
+        return MessageKind::notify;
+    }
+    if (is_response(text)) {
+        RequestRecord record{};
+        parse_response(text.data(), text.size(), &record);
+        format_response(record, out);
+        return MessageKind::response;
+    }
+    return MessageKind::other;
 }
 
 tx::HeapText cut_notify(std::string_view message) {
@@ -271,16 +288,13 @@ tx::HeapText build_client_ack(std::string_view notify_text, const RecordSlot* sl
     char client_id[RECORD_FIELD_LEN] = {};
     char message_seq[RECORD_FIELD_LEN] = {};
     char event[RECORD_FIELD_LEN] = {};
-    {
-        const ParsedCopy parsed(notify_text.data(), notify_text.size());
-        if (XmlNode* root = parsed.root(); root != nullptr) {
-            tx::copy_bounded(client_id, text_of(xml_attr(root, "client_id")));
-            tx::copy_bounded(message_seq, text_of(xml_attr(root, "message_seq")));
-            if (XmlNode* notify = xml_child(root, "notify"); notify != nullptr) {
-                tx::copy_bounded(event, text_of(xml_attr(notify, "event")));
-            }
+    parse_message(notify_text.data(), notify_text.size(), [&](XmlNode* root) {
+        copy_attr(client_id, root, "client_id");
+        copy_attr(message_seq, root, "message_seq");
+        if (XmlNode* notify = xml_child(root, "notify"); notify != nullptr) {
+            copy_attr(event, notify, "event");
         }
-    }
+    });
 
     // The tree borrows its strings: keep terminated copies of the slots alive
     // until the document has been rendered.

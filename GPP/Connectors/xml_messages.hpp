@@ -55,6 +55,27 @@ int parse_notify(const char* text, std::size_t length, NotifyRecord* record);
 int format_response(const RequestRecord& record, std::span<char> out);
 int format_notify(const NotifyRecord& record, std::span<char> out);
 
+// How far each piece of a notification line is cut: the event, the target
+// and every slot name and value at `item` characters, a single value at
+// `single`. Each rendering of the line has its own.
+struct NotifyLineCuts {
+    std::size_t item;
+    std::size_t single;
+};
+// Writes "notify EVENT [TARGET] VALUE" or "notify EVENT [TARGET] NAME VALUE
+// ..." from the start of out, bounded by out: slots need a name and a value,
+// and a list value with a blank in it is quoted. One trailing blank is
+// dropped. Returns the length.
+std::size_t render_notify_line(const NotifyRecord& record, std::span<char> out,
+                               NotifyLineCuts cuts);
+
+// What a message to a client is, once its display line has been made.
+enum class MessageKind { other, notify, response };
+// A client's view of one message: a notification (tested first, so a text
+// holding both tags is one) or a response, parsed and formatted into out as
+// the one line cli shows; out is left empty for anything else.
+MessageKind format_message(std::string_view text, std::span<char> out);
+
 // Heap texts below belong to the caller (released with free()); null on failure.
 tx::HeapText cut_notify(std::string_view message);
 tx::HeapText cut_response(std::string_view message);

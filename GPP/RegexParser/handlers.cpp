@@ -18,21 +18,10 @@ namespace {
 
 using tx::grammar::TokenList;
 
-constexpr std::size_t kSingleMax = RECORD_SINGLE_LEN - 1;
 // Call and line ids that exist only on a VoIP-capable device.
 constexpr std::string_view kVoipIds = "123";
 // join mixes calls 1 and 2 only.
 constexpr std::string_view kJoinVoipIds = "12";
-
-// The part of the line a C string would see: regexec stops at the first NUL,
-// so the handlers do too.
-std::string_view line_text(const char* line, std::size_t length) {
-    return line != nullptr ? std::string_view(line, strnlen(line, length)) : std::string_view{};
-}
-
-void split(const char* line, std::size_t length, TokenList& tokens) {
-    tx::grammar::split_command_tokens(line_text(line, length), tokens);
-}
 
 void set_text(std::span<char> field, std::string_view text) {
     tx::copy_bounded(field, text);
@@ -46,7 +35,7 @@ void set_property_of(RequestRecord& r, std::string_view name) {
 
 void set_single(RequestRecord& r, std::string_view value) {
     r.value_mode = REQUEST_MODE_SINGLE;
-    tx::copy_bounded(r.values.single, value, kSingleMax);
+    set_text(r.values.single, value);
 }
 
 void set_slot(RequestRecord& r, std::size_t slot, std::string_view name, std::string_view value) {
@@ -54,18 +43,14 @@ void set_slot(RequestRecord& r, std::size_t slot, std::string_view name, std::st
     set_text(r.values.slots[slot].value, value);
 }
 
-bool has_voip_id(std::string_view id, std::string_view ids) {
-    return id.find_first_of(ids) != std::string_view::npos;
-}
-
 void print_voip_refusal() {
     std::puts("val voip-capable 0");
 }
 
-// The per-id gate: on a device without VoIP, ids naming VoIP lines are refused
-// and the action emptied. True when the handler must stop.
-bool refused_voip_id(RequestRecord& r, std::string_view id) {
-    if (!has_voip_id(id, kVoipIds) || tx::grammar::voip_capable() != 0) {
+// On a device without VoIP, a command naming one of `ids` in `id` is refused:
+// the action is emptied and the handler stops. True when refused.
+bool refused_voip_id(RequestRecord& r, std::string_view id, std::string_view ids = kVoipIds) {
+    if (id.find_first_of(ids) == std::string_view::npos || tx::grammar::voip_capable() != 0) {
         return false;
     }
     print_voip_refusal();
@@ -73,60 +58,185 @@ bool refused_voip_id(RequestRecord& r, std::string_view id) {
     return true;
 }
 
-// The whole-command gate of VoIP settings.
-bool refused_voip_command() {
-    if (tx::grammar::voip_capable() != 0) {
-        return false;
-    }
-    print_voip_refusal();
-    return true;
+// How a handler reads its line.
+struct Opening {
+    bool voip_only = false;   // refused whole on a device without VoIP
+    bool plain = false;       // split_plain_tokens: quotes stay as typed
+    std::string_view action;  // when not the command word
+};
+
+constexpr Opening kVoipOnly = {true, false, {}};
+constexpr Opening kPlainTokens = {false, true, {}};
+constexpr Opening with_action(std::string_view action) {
+    return {false, false, action};
 }
 
-// action tok 0, property map(tok 1), and tok 2 as the single value.
-void fill_set(RequestRecord& r, const TokenList& t) {
-    set_text(r.action, t.at(0));
+using Fill = void (*)(RequestRecord&, const TokenList&);
+
+// The opening every handler shares: a cleared record (no value), the line's
+// tokens and the action; `fill` does the rest. A refused VoIP-only command
+// leaves the record cleared.
+void open_and_fill(const char* line, std::size_t length, RequestRecord* record, Fill fill,
+                   const Opening& opening = {}) {
+    if (record == nullptr) {
+        return;
+    }
+    *record = RequestRecord{};
+    if (opening.voip_only && tx::grammar::voip_capable() == 0) {
+        print_voip_refusal();
+        return;
+    }
+    // regexec stops at the first NUL, so the handlers do too.
+    const std::string_view text =
+        line != nullptr ? std::string_view(line, strnlen(line, length)) : std::string_view{};
+    TokenList t;
+    if (opening.plain) {
+        tx::grammar::split_plain_tokens(text, t);
+    } else {
+        tx::grammar::split_command_tokens(text, t);
+    }
+    set_text(record->action, opening.action.empty() ? t.at(0) : opening.action);
+    fill(*record, t);
+}
+
+void fill_nothing(RequestRecord&, const TokenList&) {}
+
+void fill_property(RequestRecord& r, const TokenList& t) {
+    set_property_of(r, t.at(1));
+}
+
+void fill_property_value(RequestRecord& r, const TokenList& t) {
     set_property_of(r, t.at(1));
     set_single(r, t.at(2));
 }
 
-void fill_get(RequestRecord& r, const TokenList& t) {
-    set_text(r.action, t.at(0));
-    set_property_of(r, t.at(1));
-    r.value_mode = REQUEST_MODE_NONE;
+// Tokens 2 to `last` joined by blanks.
+std::string joined(const TokenList& t, std::size_t last) {
+    std::string value;
+    for (std::size_t i = 2; i <= last; ++i) {
+        value += i > 2 ? " " : "";
+        value += t.at(i);
+    }
+    return value;
 }
 
-struct CameraStep {
-    std::string_view command;
-    const char* property;
-    const char* value;
-};
+// Seven image values, or three of pan, tilt and zoom; anything shorter sends
+// an empty value.
+void fill_multi(RequestRecord& r, const TokenList& t) {
+    set_property_of(r, t.at(1));
+    std::size_t present = 2;
+    while (t.has(present)) {
+        ++present;
+    }
+    set_single(r, present > 8 ? joined(t, 8) : present > 4 ? joined(t, 4) : "");
+}
 
-constexpr std::array<CameraStep, 3> kDecrements = {{
-    {"cam-zoom-out", "cam.camera-zoom", "100"},
-    {"cam-pan-left", "cam.camera-pan", "-30"},
-    {"cam-tilt-down", "cam.camera-tilt", "-18"},
-}};
-constexpr std::array<CameraStep, 3> kIncrements = {{
-    {"cam-zoom-in", "cam.camera-zoom", "400"},
-    {"cam-pan-right", "cam.camera-pan", "30"},
-    {"cam-tilt-up", "cam.camera-tilt", "18"},
-}};
-
-void fill_camera_step(const char* line, std::size_t length, RequestRecord* record,
-                      const char* action, std::span<const CameraStep> steps) {
-    if (record == nullptr) {
+void fill_mic_get(RequestRecord& r, const TokenList& t) {
+    set_property_of(r, t.at(1));
+    // One external microphone: id 1, also when none is given.
+    if (t.has(2) && t.at(2) != "1") {
+        std::puts("command syntax error");
+        r.action[0] = '\0';
         return;
     }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, action);
-    record->target[0] = '\0';
-    record->value_mode = REQUEST_MODE_SINGLE;
-    for (const CameraStep& step : steps) {
-        if (t.at(0) == step.command) {
-            set_text(record->property, step.property);
-            set_single(*record, step.value);
+    set_text(r.target, "1");
+}
+
+void fill_call_info(RequestRecord& r, const TokenList& t) {
+    set_property_of(r, t.at(1));
+    if (refused_voip_id(r, t.at(2))) {
+        return;
+    }
+    set_text(r.target, t.at(2));
+    r.value_mode = REQUEST_MODE_LIST;
+    static constexpr std::array<std::string_view, 3> kNames = {"call.caller", "call.number",
+                                                               "call.status"};
+    for (std::size_t i = 0; i < kNames.size(); ++i) {
+        if (t.has(3 + i)) {
+            set_slot(r, i, kNames[i], t.at(3 + i));
+        }
+    }
+}
+
+void fill_swap(RequestRecord& r, const TokenList& t) {
+    r.value_mode = REQUEST_MODE_LIST;
+    set_slot(r, 0, "source-call", t.at(1));
+    if (t.has(2)) {
+        set_slot(r, 1, "target-call", t.at(2));
+    }
+    // Refused with both ids in view, and then nothing of the record is kept.
+    if (refused_voip_id(r, std::string(t.at(1)).append(t.at(2)))) {
+        r = RequestRecord{};
+    }
+}
+
+// Call ids sit in the odd slots, each followed by its mix state.
+constexpr std::array<std::size_t, 4> kJoinIdSlots = {1, 3, 5, 7};
+constexpr std::array<std::string_view, 4> kJoinCalls = {"1", "2", "usb", "bt"};
+
+void fill_join(RequestRecord& r, const TokenList& t) {
+    std::string ids;
+    for (std::size_t slot : kJoinIdSlots) {
+        ids += t.at(slot);
+    }
+    if (refused_voip_id(r, ids, kJoinVoipIds)) {
+        return;
+    }
+    std::array<std::string_view, kJoinCalls.size()> mix = {"0", "0", "0", "0"};
+    std::array<int, kJoinCalls.size()> seen = {};
+    for (std::size_t i = 0; i < kJoinCalls.size(); ++i) {
+        for (std::size_t slot : kJoinIdSlots) {
+            if (t.at(slot) == kJoinCalls[i] && seen[i]++ == 0) {
+                mix[i] = t.at(slot + 1);
+            }
+        }
+        if (seen[i] > 1) {
+            std::puts("command syntax error - duplicate lines");
+            r.action[0] = '\0';
             return;
+        }
+    }
+    r.value_mode = REQUEST_MODE_LIST;
+    for (std::size_t i = 0; i < kJoinCalls.size(); ++i) {
+        set_slot(r, i, kJoinCalls[i], mix[i]);
+    }
+}
+
+void fill_source_target(RequestRecord& r, const TokenList& t) {
+    r.value_mode = REQUEST_MODE_LIST;
+    if (t.has(1)) {
+        set_slot(r, 0, "source-call", t.at(1));
+    }
+    if (t.has(2)) {
+        set_slot(r, 1, "target-url", t.at(2));
+    }
+}
+
+// The camera step commands move to a fixed end of the range.
+struct CameraStep {
+    std::string_view command;
+    std::string_view action;
+    std::string_view property;
+    std::string_view value;
+};
+
+constexpr std::array<CameraStep, 6> kCameraSteps = {{
+    {"cam-zoom-out", "decrement", "cam.camera-zoom", "100"},
+    {"cam-pan-left", "decrement", "cam.camera-pan", "-30"},
+    {"cam-tilt-down", "decrement", "cam.camera-tilt", "-18"},
+    {"cam-zoom-in", "increment", "cam.camera-zoom", "400"},
+    {"cam-pan-right", "increment", "cam.camera-pan", "30"},
+    {"cam-tilt-up", "increment", "cam.camera-tilt", "18"},
+}};
+
+// The action names the direction: each handler knows the steps of its own
+// direction only, and an unknown word leaves property and value empty.
+void fill_camera_step(RequestRecord& r, const TokenList& t) {
+    r.value_mode = REQUEST_MODE_SINGLE;
+    for (const CameraStep& step : kCameraSteps) {
+        if (step.action == tx::field_view(r.action) && step.command == t.at(0)) {
+            set_text(r.property, step.property);
+            set_single(r, step.value);
         }
     }
 }
@@ -134,242 +244,109 @@ void fill_camera_step(const char* line, std::size_t length, RequestRecord* recor
 }  // namespace
 
 void handle_get(const char* line, std::size_t length, RequestRecord* record, const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_get(*record, t);
+    open_and_fill(line, length, record, fill_property);
 }
 
 void handle_get_voip(const char* line, std::size_t length, RequestRecord* record,
                      const command_entry*) {
-    if (record == nullptr || refused_voip_command()) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_get(*record, t);
+    open_and_fill(line, length, record, fill_property, kVoipOnly);
 }
 
 void handle_set(const char* line, std::size_t length, RequestRecord* record, const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_set(*record, t);
+    open_and_fill(line, length, record, fill_property_value);
 }
 
 void handle_set_voip(const char* line, std::size_t length, RequestRecord* record,
                      const command_entry*) {
-    if (record == nullptr || refused_voip_command()) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_set(*record, t);
+    open_and_fill(line, length, record, fill_property_value, kVoipOnly);
 }
 
 void handle_set_plain(const char* line, std::size_t length, RequestRecord* record,
                       const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    tx::grammar::split_plain_tokens(line_text(line, length), t);
-    fill_set(*record, t);
+    open_and_fill(line, length, record, fill_property_value, kPlainTokens);
 }
 
 void handle_set_as_report(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_set(*record, t);
     // The device applies these settings when it reports them.
-    set_text(record->action, "report");
+    open_and_fill(line, length, record, fill_property_value, with_action("report"));
 }
 
 void handle_set_multi(const char* line, std::size_t length, RequestRecord* record,
                       const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    set_property_of(*record, t.at(1));
-
-    auto all_present = [&t](std::size_t first, std::size_t last) {
-        for (std::size_t i = first; i <= last; ++i) {
-            if (!t.has(i)) {
-                return false;
-            }
-        }
-        return true;
-    };
-    std::string value;
-    std::size_t last = 0;
-    if (all_present(2, 8)) {
-        last = 8;
-    } else if (all_present(2, 4)) {
-        last = 4;
-    }
-    for (std::size_t i = 2; last != 0 && i <= last; ++i) {
-        if (i > 2) {
-            value += ' ';
-        }
-        value += t.at(i);
-    }
-    set_single(*record, value);
+    open_and_fill(line, length, record, fill_multi);
 }
 
 void handle_line_value(const char* line, std::size_t length, RequestRecord* record,
                        const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    set_property_of(*record, t.at(1));
-    if (refused_voip_id(*record, t.at(2))) {
-        return;
-    }
-    set_text(record->target, t.at(2));
-    set_single(*record, t.at(3));
+    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+        set_property_of(r, t.at(1));
+        if (!refused_voip_id(r, t.at(2))) {
+            set_text(r.target, t.at(2));
+            set_single(r, t.at(3));
+        }
+    });
 }
 
 void handle_mic_report(const char* line, std::size_t length, RequestRecord* record,
                        const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    set_property_of(*record, t.at(1));
-    set_text(record->target, t.at(2));
-    set_single(*record, t.at(3));
+    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+        set_property_of(r, t.at(1));
+        set_text(r.target, t.at(2));
+        set_single(r, t.at(3));
+    });
 }
 
 void handle_mic_get(const char* line, std::size_t length, RequestRecord* record,
                     const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_get(*record, t);
-    // One external microphone: id 1, also when none is given.
-    if (t.has(2) && t.at(2) != "1") {
-        std::puts("command syntax error");
-        record->action[0] = '\0';
-        return;
-    }
-    set_text(record->target, "1");
+    open_and_fill(line, length, record, fill_mic_get);
 }
 
 void handle_line_get(const char* line, std::size_t length, RequestRecord* record,
                      const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_get(*record, t);
-    if (refused_voip_id(*record, t.at(2))) {
-        return;
-    }
-    set_text(record->target, t.at(2));
+    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+        set_property_of(r, t.at(1));
+        if (!refused_voip_id(r, t.at(2))) {
+            set_text(r.target, t.at(2));
+        }
+    });
 }
 
 void handle_reset_setting(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    fill_get(*record, t);
-    set_text(record->target, t.at(2));
+    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+        set_property_of(r, t.at(1));
+        set_text(r.target, t.at(2));
+    });
 }
 
 void handle_call_info_report(const char* line, std::size_t length, RequestRecord* record,
                              const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    set_property_of(*record, t.at(1));
-    if (refused_voip_id(*record, t.at(2))) {
-        return;
-    }
-    set_text(record->target, t.at(2));
-    record->value_mode = REQUEST_MODE_LIST;
-    static constexpr std::array<const char*, 3> kNames = {"call.caller", "call.number",
-                                                          "call.status"};
-    for (std::size_t i = 0; i < kNames.size(); ++i) {
-        if (t.has(3 + i)) {
-            set_slot(*record, i, kNames[i], t.at(3 + i));
-        }
-    }
+    open_and_fill(line, length, record, fill_call_info);
 }
 
 void handle_call_action(const char* line, std::size_t length, RequestRecord* record,
                         const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    if (refused_voip_id(*record, t.at(1))) {
-        return;
-    }
-    set_text(record->target, t.at(1));
-    record->value_mode = REQUEST_MODE_NONE;
+    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+        if (!refused_voip_id(r, t.at(1))) {
+            set_text(r.target, t.at(1));
+        }
+    });
 }
 
 void handle_dial(const char* line, std::size_t length, RequestRecord* record,
                  const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    if (refused_voip_id(*record, t.at(1))) {
-        return;
-    }
-    set_text(record->target, t.at(1));
-    set_single(*record, t.at(2));
+    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+        if (!refused_voip_id(r, t.at(1))) {
+            set_text(r.target, t.at(1));
+            set_single(r, t.at(2));
+        }
+    });
 }
 
 void handle_swap(const char* line, std::size_t length, RequestRecord* record,
                  const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    record->value_mode = REQUEST_MODE_LIST;
-    set_slot(*record, 0, "source-call", t.at(1));
-    if (t.has(2)) {
-        set_slot(*record, 1, "target-call", t.at(2));
-    }
-
-    const bool names_voip_call = has_voip_id(t.at(1), kVoipIds) || has_voip_id(t.at(2), kVoipIds);
-    if (names_voip_call && tx::grammar::voip_capable() == 0) {
-        print_voip_refusal();
-        *record = RequestRecord{};
-    }
+    open_and_fill(line, length, record, fill_swap);
 }
 
 void handle_transfer(const char* line, std::size_t length, RequestRecord* record,
@@ -379,129 +356,51 @@ void handle_transfer(const char* line, std::size_t length, RequestRecord* record
 
 void handle_join(const char* line, std::size_t length, RequestRecord* record,
                  const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-
-    // Call ids sit in the odd slots, each followed by its mix state.
-    static constexpr std::array<std::size_t, 4> kIdSlots = {1, 3, 5, 7};
-    static constexpr std::array<std::string_view, 4> kCalls = {"1", "2", "usb", "bt"};
-
-    bool names_voip_call = false;
-    for (std::size_t slot : kIdSlots) {
-        names_voip_call |= has_voip_id(t.at(slot), kJoinVoipIds);
-    }
-    if (names_voip_call && tx::grammar::voip_capable() == 0) {
-        print_voip_refusal();
-        record->action[0] = '\0';
-        return;
-    }
-
-    for (std::string_view call : kCalls) {
-        std::size_t seen = 0;
-        for (std::size_t slot : kIdSlots) {
-            seen += t.has(slot) && t.at(slot) == call ? 1 : 0;
-        }
-        if (seen > 1) {
-            std::puts("command syntax error - duplicate lines");
-            record->action[0] = '\0';
-            return;
-        }
-    }
-
-    record->value_mode = REQUEST_MODE_LIST;
-    for (std::size_t i = 0; i < kCalls.size(); ++i) {
-        std::string_view mix = "0";
-        for (std::size_t slot : kIdSlots) {
-            if (t.has(slot) && t.at(slot) == kCalls[i]) {
-                mix = t.at(slot + 1);
-                break;
-            }
-        }
-        set_slot(*record, i, kCalls[i], mix);
-    }
+    open_and_fill(line, length, record, fill_join);
 }
 
 void handle_source_target(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    record->value_mode = REQUEST_MODE_LIST;
-    if (t.has(1)) {
-        set_slot(*record, 0, "source-call", t.at(1));
-    }
-    if (t.has(2)) {
-        set_slot(*record, 1, "target-url", t.at(2));
-    }
+    open_and_fill(line, length, record, fill_source_target);
 }
 
 void handle_property_value(const char* line, std::size_t length, RequestRecord* record,
                            const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    set_text(record->property, t.at(1));
-    set_single(*record, t.at(2));
+    // The property is the word as typed, not a mapped name.
+    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+        set_text(r.property, t.at(1));
+        set_single(r, t.at(2));
+    });
 }
 
 void handle_property_only(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    set_text(record->property, t.at(1));
-    record->value_mode = REQUEST_MODE_NONE;
+    open_and_fill(line, length, record,
+                  [](RequestRecord& r, const TokenList& t) { set_text(r.property, t.at(1)); });
 }
 
 void handle_single_arg(const char* line, std::size_t length, RequestRecord* record,
                        const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    set_single(*record, t.at(1));
+    open_and_fill(line, length, record,
+                  [](RequestRecord& r, const TokenList& t) { set_single(r, t.at(1)); });
 }
 
 void handle_word_only(const char* line, std::size_t length, RequestRecord* record,
                       const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    TokenList t;
-    split(line, length, t);
-    set_text(record->action, t.at(0));
-    record->value_mode = REQUEST_MODE_NONE;
+    open_and_fill(line, length, record, fill_nothing);
 }
 
-void handle_regnotify(const char*, std::size_t, RequestRecord* record, const command_entry*) {
-    if (record == nullptr) {
-        return;
-    }
-    set_text(record->action, "client_register_notify");
-    record->value_mode = REQUEST_MODE_NONE;
+void handle_regnotify(const char* line, std::size_t length, RequestRecord* record,
+                      const command_entry*) {
+    open_and_fill(line, length, record, fill_nothing, with_action("client_register_notify"));
 }
 
 void handle_cam_decrement(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    fill_camera_step(line, length, record, "decrement", kDecrements);
+    open_and_fill(line, length, record, fill_camera_step, with_action("decrement"));
 }
 
 void handle_cam_increment(const char* line, std::size_t length, RequestRecord* record,
                           const command_entry*) {
-    fill_camera_step(line, length, record, "increment", kIncrements);
+    open_and_fill(line, length, record, fill_camera_step, with_action("increment"));
 }

@@ -2,6 +2,7 @@
 // scan, and the help listings.
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -34,20 +35,20 @@ std::size_t help_word_length(const char* p) noexcept {
     return n;
 }
 
-struct TopicRange {
-    std::string_view topic;
-    int low;
-    int high;
-};
-
+constexpr TopicRange kAllTopics = {"all", kSys, kVoip};
 constexpr TopicRange kTopics[] = {
-    {"all", 1, 9},  {"sys", 1, 1}, {"audio", 2, 2}, {"call", 3, 3}, {"net", 4, 4},    {"bt", 5, 5},
-    {"bm64", 6, 6}, {"ble", 7, 7}, {"cam", 8, 8},   {"voip", 9, 9}, {"hidden", 0, 0},
+    kAllTopics,
+    {"sys", kSys, kSys},
+    {"audio", kAudio, kAudio},
+    {"call", kCall, kCall},
+    {"net", kNet, kNet},
+    {"bt", kBt, kBt},
+    {"bm64", kBm64, kBm64},
+    {"ble", kBle, kBle},
+    {"cam", kCam, kCam},
+    {"voip", kVoip, kVoip},
+    {"hidden", kHidden, kHidden},
 };
-
-// Settings that help never lists, whatever the range.
-constexpr std::int32_t kUnlistedCategory = 11;
-constexpr std::int32_t kHiddenCategory = 0;
 
 }  // namespace
 
@@ -60,6 +61,14 @@ std::size_t count_rows(const command_entry* table) noexcept {
         ++n;
     }
     return n;
+}
+
+bool row_allowed(const command_entry& row, uid_t uid) noexcept {
+    return uid == 0 || !is_root_only(row.category);
+}
+
+std::span<const TopicRange> help_topics() noexcept {
+    return kTopics;
 }
 
 CommandIndex::CommandIndex(const command_entry* table) {
@@ -207,12 +216,11 @@ struct Matcher::Compiled {
     }
 };
 
-Matcher::Matcher(const command_entry* table, RegexMode mode)
-    : table_(table), rows_(count_rows(table)), mode_(mode), index_(table) {
-    if (mode_ == RegexMode::kept) {
-        compiled_ = std::make_unique<Compiled[]>(rows_);
-    }
-}
+Matcher::Matcher(const command_entry* table)
+    : table_(table),
+      rows_(count_rows(table)),
+      index_(table),
+      compiled_(std::make_unique<Compiled[]>(rows_)) {}
 
 Matcher::~Matcher() = default;
 
@@ -221,19 +229,6 @@ int Matcher::try_row(std::size_t row, const char* text, bool single_line) const 
     if (expr == nullptr) {
         return REG_NOMATCH;
     }
-
-    if (mode_ == RegexMode::fresh) {
-        regex_t re{};
-        const int rc = regcomp(&re, expr, kRegexFlags);
-        if (rc != 0) {
-            std::printf("regcomp(%s) at %d returned %d\n", expr, static_cast<int>(row), rc);
-            return -1;
-        }
-        const int result = regexec(&re, text, 0, nullptr, 0);
-        regfree(&re);
-        return result;
-    }
-
     Compiled& c = compiled_[row];
     std::call_once(c.once, [&c, expr] {
         c.rc = regcomp(&c.re, expr, kRegexFlags);
@@ -252,42 +247,40 @@ int Matcher::try_row(std::size_t row, const char* text, bool single_line) const 
     return regexec(&c.re, text, 0, nullptr, 0);
 }
 
-int Matcher::match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const {
-    if (record == nullptr) {
-        return 0;
-    }
-    *record = RequestRecord{};
+const command_entry* Matcher::find(const char* line, std::size_t length, uid_t uid) const {
     if (line == nullptr) {
-        return 0;
+        return nullptr;
     }
-
     const int start = index_.lookup(line, length);
     if (start < 0 || static_cast<std::size_t>(start) >= rows_) {
-        return 0;
+        return nullptr;
     }
-
     // regexec needs a terminated text; the caller's line need not be one.
     const std::string text(line, length);
-    const command_entry* found = nullptr;
     const bool single_line = text.find('\n') == std::string::npos;
     for (std::size_t row = static_cast<std::size_t>(start); row < rows_; ++row) {
         const int result = try_row(row, text.c_str(), single_line);
         if (result == 0) {
-            found = &table_[row];
-            break;
+            // A refused row ends the scan: later rows are not tried.
+            return row_allowed(table_[row], uid) ? &table_[row] : nullptr;
         }
         if (result != REG_NOMATCH && result != -1) {
             std::perror("Regular expression matching failed!");
         }
     }
-    if (found == nullptr) {
-        return 0;
-    }
+    return nullptr;
+}
 
-    if (uid != 0 && (found->category == kHiddenCategory || found->category == kUnlistedCategory)) {
+int Matcher::match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const {
+    if (record == nullptr) {
         return 0;
     }
-    found->handler(line, length, record, found);
+    *record = RequestRecord{};
+    const command_entry* row = find(line, length, uid);
+    if (row == nullptr) {
+        return 0;
+    }
+    row->handler(line, length, record, row);
     return 1;
 }
 
@@ -304,10 +297,9 @@ void print_help(const command_entry* table, const char* topic_text, uid_t uid) {
     topic = begin == std::string_view::npos ? std::string_view{} : topic.substr(begin);
     topic = topic.substr(0, topic.find(' '));
 
-    int low = 1;
-    int high = 9;
+    const TopicRange* range = &kAllTopics;
     if (!topic.empty()) {
-        const TopicRange* range = nullptr;
+        range = nullptr;
         for (const TopicRange& t : kTopics) {
             if (t.topic == topic) {
                 range = &t;
@@ -317,16 +309,14 @@ void print_help(const command_entry* table, const char* topic_text, uid_t uid) {
             print_help_usage();
             return;
         }
-        low = range->low;
-        high = range->high;
     }
 
     for (std::size_t row = 0; row < rows; ++row) {
         const command_entry& e = table[row];
-        if (e.help == nullptr || e.category == kUnlistedCategory) {
+        if (e.help == nullptr || e.category == kRootUnlisted) {
             continue;
         }
-        if (e.category >= low && e.category <= high) {
+        if (e.category >= range->low && e.category <= range->high) {
             std::puts(e.help);
         }
     }

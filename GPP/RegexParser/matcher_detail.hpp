@@ -10,8 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <mutex>
-#include <optional>
+#include <span>
 #include <string_view>
 #include <vector>
 
@@ -22,6 +21,9 @@ namespace tx::grammar {
 
 // Rows up to (not including) the first row whose handler is null.
 std::size_t count_rows(const command_entry* table) noexcept;
+
+// Whether `uid` may run the row: the hidden and the unlisted settings are root's.
+bool row_allowed(const command_entry& row, uid_t uid) noexcept;
 
 // Command keys ("get_mute", "dial") of a table, in row order.
 class CommandIndex {
@@ -51,20 +53,23 @@ class CommandIndex {
     std::vector<Entry> entries_;
 };
 
-// Whether each tried expression is compiled on the spot and freed again, or
-// compiled once at its first try and kept for the lifetime of the matcher.
-enum class RegexMode { kept, fresh };
-
-// Matches lines against one table. Safe to share between threads.
+// Matches lines against one table. Each row's expression is compiled at its
+// first try and kept for the lifetime of the matcher. Safe to share between
+// threads.
 class Matcher {
   public:
-    Matcher(const command_entry* table, RegexMode mode);
+    explicit Matcher(const command_entry* table);
     ~Matcher();
     Matcher(const Matcher&) = delete;
     Matcher& operator=(const Matcher&) = delete;
 
-    // 1 when a row accepted the line and its handler filled the record, 0
-    // otherwise. Rows of categories 0 and 11 are for uid 0 only.
+    // The row whose handler runs for the line on behalf of `uid`: the first
+    // row from the key index position on that accepts it, or null when none
+    // does or that row is root-only and `uid` is not root.
+    const command_entry* find(const char* line, std::size_t length, uid_t uid) const;
+
+    // 1 when a row accepted the line and its handler filled the cleared
+    // record, 0 otherwise (the record is then left cleared).
     int match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const;
 
     int lookup(const char* line, std::size_t length) const { return index_.lookup(line, length); }
@@ -78,13 +83,20 @@ class Matcher {
 
     const command_entry* table_;
     std::size_t rows_;
-    RegexMode mode_;
     CommandIndex index_;
     std::unique_ptr<Compiled[]> compiled_;
 };
 
 // The matcher over command_table used by regexparser_match.
 const Matcher& command_matcher();
+
+// A help topic and the categories it lists.
+struct TopicRange {
+    std::string_view topic;
+    int low;
+    int high;
+};
+std::span<const TopicRange> help_topics() noexcept;
 
 // Help for `topic_text` (what followed "help" on the line) as seen by `uid`.
 void print_help(const command_entry* table, const char* topic_text, uid_t uid);

@@ -17,8 +17,31 @@ struct command_entry {
     const char* regex;        // POSIX extended, anchored with '^'
     command_handler handler;  // null only in the terminating row
     const char* help;         // "\"syntax\" - description"
-    std::int32_t category;    // 0..11
+    std::int32_t category;    // one of the categories below
 };
+
+namespace tx::grammar {
+
+// Help categories. 1..9 are the help topics, open to everyone.
+inline constexpr std::int32_t kHidden = 0;  // root only, listed by "help hidden" alone
+inline constexpr std::int32_t kSys = 1;
+inline constexpr std::int32_t kAudio = 2;
+inline constexpr std::int32_t kCall = 3;
+inline constexpr std::int32_t kNet = 4;
+inline constexpr std::int32_t kBt = 5;
+inline constexpr std::int32_t kBm64 = 6;
+inline constexpr std::int32_t kBle = 7;
+inline constexpr std::int32_t kCam = 8;
+inline constexpr std::int32_t kVoip = 9;
+inline constexpr std::int32_t kUnlisted = 10;      // everyone, never listed by help
+inline constexpr std::int32_t kRootUnlisted = 11;  // root only, never listed by help
+
+// Rows that only root may run; to anyone else they are lines that match nothing.
+constexpr bool is_root_only(std::int32_t category) noexcept {
+    return category == kHidden || category == kRootUnlisted;
+}
+
+}  // namespace tx::grammar
 
 // 502 rows and a terminating row of zeros.
 extern const command_entry command_table[];

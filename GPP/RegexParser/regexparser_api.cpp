@@ -9,7 +9,7 @@ namespace tx::grammar {
 
 const Matcher& command_matcher() {
     // Built at the first line; the expressions compile as their rows are first tried.
-    static const Matcher matcher(command_table, RegexMode::kept);
+    static const Matcher matcher(command_table);
     return matcher;
 }
 

@@ -23,27 +23,32 @@
 
 namespace {
 
+using namespace tx::grammar;
+
 struct topic {
     int category;
     const char* title;
-    const char* who;
 };
 
 // In the order help lists them, then the rows help never lists.
 constexpr topic topics[] = {
-    {1, "sys", "everyone"},
-    {2, "audio", "everyone"},
-    {3, "call", "everyone"},
-    {4, "net", "everyone"},
-    {5, "bt", "everyone"},
-    {6, "bm64", "everyone"},
-    {7, "ble", "everyone"},
-    {8, "cam", "everyone"},
-    {9, "voip", "everyone"},
-    {0, "hidden", "root only"},
-    {10, "not listed by help", "everyone"},
-    {11, "not listed by help", "root only"},
+    {kSys, "sys"},
+    {kAudio, "audio"},
+    {kCall, "call"},
+    {kNet, "net"},
+    {kBt, "bt"},
+    {kBm64, "bm64"},
+    {kBle, "ble"},
+    {kCam, "cam"},
+    {kVoip, "voip"},
+    {kHidden, "hidden"},
+    {kUnlisted, "not listed by help"},
+    {kRootUnlisted, "not listed by help"},
 };
+
+const char* who(const topic& t) {
+    return is_root_only(t.category) ? "root only" : "everyone";
+}
 
 const char* name_of(command_handler handler) {
     const char* name = command_handler_name(handler);
@@ -118,7 +123,7 @@ void print_markdown(std::ostream& out) {
         << "of the line. Values that may hold blanks are written as one double-quoted group.\n";
 
     for (const topic& t : topics) {
-        out << "\n## Category " << t.category << ": " << t.title << " (" << t.who << ")\n\n";
+        out << "\n## Category " << t.category << ": " << t.title << " (" << who(t) << ")\n\n";
         int count = 0;
         std::ostringstream body;
         for (int row = 0; row < rows; ++row) {
@@ -172,7 +177,7 @@ void print_man(std::ostream& out) {
             body << ".TP\n\\fB" << roff(syntax) << "\\fR\n" << roff(description) << '\n';
         }
         if (body.str().empty()) continue;
-        out << ".SS \"" << t.title << " (category " << t.category << ", " << t.who << ")\"\n"
+        out << ".SS \"" << t.title << " (category " << t.category << ", " << who(t) << ")\"\n"
             << body.str();
     }
 }

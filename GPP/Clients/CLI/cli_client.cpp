@@ -67,8 +67,7 @@ int cli_main(int argc, char** argv) {
 
     cli_start(options.timestamps_enabled, options.register_first,
               std::move(options.one_shot_command));
-    // The connector learns of a departing client only through this signal.
-    kill(find_pid_by_name("cliconn"), SIGUSR2);
+    cli_notify_departure();
     return 0;
 }
 
@@ -111,6 +110,15 @@ int find_pid_by_name(const char* name) {
     return static_cast<int>(std::strtol(buffer, nullptr, 10));
 }
 
+void cli_notify_departure() {
+    // The connector learns of a departing client only through this signal.
+    // When no cliconn runs, the lookup finds nothing and gives -1, and
+    // kill(-1) signals every process this user may signal: as root, every
+    // process on the machine. The lookup result goes to kill unchecked, as on
+    // the device.
+    kill(find_pid_by_name("cliconn"), SIGUSR2);
+}
+
 void cli_clear_roomcontrol() {
     RequestRecord record = {};
     char out[REQUEST_TEXT_LEN] = {};
@@ -135,6 +143,6 @@ void cli_clear_roomcontrol() {
 void cli_signal_handler(int signo) {
     if (signo != SIGTERM && signo != SIGINT) return;
     if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
-    kill(find_pid_by_name("cliconn"), SIGUSR2);
+    cli_notify_departure();
     std::exit(1);
 }

@@ -43,6 +43,8 @@ int cli_main(int argc, char** argv);
 
 int cli_start(int timestamps_enabled, int register_first, std::unique_ptr<char[]> one_shot_command);
 int find_pid_by_name(const char* name);
+// Sends SIGUSR2 to the pid that the lookup gives for "cliconn".
+void cli_notify_departure();
 void cli_clear_roomcontrol();
 void cli_signal_handler(int signo);
 

@@ -8,11 +8,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <string_view>
 
 #include "cli_client.hpp"
+#include "completion.hpp"
 #include "fixed_text.hpp"
 #include "ipc_channel.hpp"
+#include "os_cmdline.hpp"
 #include "regexparser.hpp"
 #include "xml_messages.hpp"
 
@@ -72,6 +75,29 @@ bool contains(std::string_view line, std::string_view what) {
     return line.find(what) != std::string_view::npos;
 }
 
+struct CompletionHook {
+    GetLine* editor;
+    tx::grammar::Completer completer;
+};
+
+// TAB: the words the table allows at the cursor; where it allows a range or
+// free text, the help line of the row instead.
+CPL_MATCH_FN(complete_command) {
+    auto* hook = static_cast<CompletionHook*>(data);
+    const tx::grammar::Completion found =
+        hook->completer.complete(std::string_view(line, static_cast<std::size_t>(word_end)));
+    const std::size_t typed = static_cast<std::size_t>(word_end) - found.word_start;
+    for (const std::string_view candidate : found.candidates) {
+        const std::string suffix(candidate.substr(typed));
+        cpl_add_completion(cpl, line, static_cast<int>(found.word_start), word_end, suffix.c_str(),
+                           "", " ");
+    }
+    if (found.candidates.empty() && !found.help.empty() && gl_normal_io(hook->editor) == 0) {
+        for (const char* help : found.help) std::puts(help);
+    }
+    return 0;
+}
+
 }  // namespace
 
 void cli_set_prompt(bool shown) {
@@ -128,6 +154,32 @@ int cli_send_command(const char* line, std::size_t length, uid_t uid) {
     return sent;
 }
 
+// One line of the loop: a built-in command, or a command for the connector.
+void run_line(Editor& editor, const char* line, uid_t uid) {
+    const std::string_view text{line};
+    using tx::grammar::Builtin;
+    switch (tx::grammar::classify_builtin(text)) {
+        case Builtin::exit:
+            // History is not saved on this way out.
+            editor.reset();
+            cli_notify_departure();
+            if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
+            std::exit(0);
+        case Builtin::echo:
+            gl_echo_mode(editor.get(), contains(text, "1") ? 1 : 0);
+            break;
+        case Builtin::help:
+            regexparser_help(line + tx::grammar::builtin_name(Builtin::help).size());
+            break;
+        case Builtin::prompt:
+            cli_set_prompt(contains(text, "1"));
+            break;
+        case Builtin::none:
+            cli_send_command(line, text.size(), uid);
+            break;
+    }
+}
+
 int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_command) {
     const uid_t uid = getuid();
     Editor editor{new_GetLine(EDITOR_LINE_LEN, EDITOR_HISTORY_LEN)};
@@ -138,6 +190,8 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
     for (const KeyBinding& binding : key_bindings) {
         gl_bind_keyseq(gl, GL_USER_KEY, binding.sequence, binding.action);
     }
+    CompletionHook completion{gl, tx::grammar::Completer(uid, tx::grammar::voip_capable() != 0)};
+    gl_customize_completion(gl, &completion, complete_command);
     gl_echo_mode(gl, 0);
     if (uid == CLI_OPERATOR_UID) std::puts("Welcome to the TX-416 IP Management Interface\n");
 
@@ -164,23 +218,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
         char line[CLI_LINE_LEN] = {};
         const std::size_t copied = tx::copy_bounded(line, input);
         if (copied > 0) line[copied - 1] = '\0';
-        const std::string_view text{line};
-
-        if (text == "exit") {
-            // History is not saved on this way out.
-            editor.reset();
-            kill(find_pid_by_name("cliconn"), SIGUSR2);
-            if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
-            std::exit(0);
-        } else if (contains(text, "set echo")) {
-            gl_echo_mode(gl, contains(text, "1") ? 1 : 0);
-        } else if (text.starts_with("help")) {
-            regexparser_help(line + 4);
-        } else if (contains(text, "set prompt")) {
-            cli_set_prompt(contains(text, "1"));
-        } else {
-            cli_send_command(line, text.size(), uid);
-        }
+        run_line(editor, line, uid);
 
         if (last_pass) {
             gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);

@@ -28,11 +28,7 @@ constexpr const char* KEEPALIVE_TEXT = "<request><action>cli_keep_alive</action>
 pthread_mutex_t keepalive_mutex = PTHREAD_MUTEX_INITIALIZER;
 pthread_cond_t keepalive_cond = PTHREAD_COND_INITIALIZER;
 
-void show_notify(const IpcMessage& message, std::size_t length, bool timestamps) {
-    NotifyRecord record = {};
-    parse_notify(message.text, length, &record);
-    char out[DISPLAY_LEN] = {};
-    format_notify(record, out);
+void show_notify(const char* out, bool timestamps) {
     char prompt[CLI_PROMPT_LEN] = {};
     cli_prompt_text(prompt);
     if (timestamps) {
@@ -47,11 +43,7 @@ void show_notify(const IpcMessage& message, std::size_t length, bool timestamps)
     }
 }
 
-void show_response(const IpcMessage& message, std::size_t length) {
-    RequestRecord record = {};
-    parse_response(message.text, length, &record);
-    char out[DISPLAY_LEN] = {};
-    format_response(record, out);
+void show_response(const char* out) {
     if (out[0] == '\0') return;
     char prompt[CLI_PROMPT_LEN] = {};
     cli_prompt_text(prompt);
@@ -82,12 +74,12 @@ void* cli_receiver_thread(void* cell) {
         IpcMessage message = {};
         // A failed receive means the channel is gone; replies are no longer shown.
         if (cli_channel->receive(cli_channel, &message, own_id) == 0) return nullptr;
-        const std::string_view text = tx::field_view(message.text);
-        // A text with both tags is a notification.
-        if (is_notify(text)) {
-            show_notify(message, text.size(), timestamps);
-        } else if (is_response(text)) {
-            show_response(message, text.size());
+        char out[DISPLAY_LEN] = {};
+        const MessageKind kind = format_message(tx::field_view(message.text), out);
+        if (kind == MessageKind::notify) {
+            show_notify(out, timestamps);
+        } else if (kind == MessageKind::response) {
+            show_response(out);
         } else {
             continue;
         }

@@ -1,0 +1,174 @@
+// web-page: writes the settings page from the command table.
+//
+//   web-page --template FILE --output FILE
+//
+// Every setting that the operator may both read and change (a "get NAME" and
+// a "set NAME" row) gets a line under its help topic: its current value, an
+// input and a Set button. The template's @NAV@ and @SETTINGS@ are replaced.
+#include <deque>
+#include <fstream>
+#include <initializer_list>
+#include <iostream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "completion.hpp"
+#include "fixed_text.hpp"
+#include "matcher_detail.hpp"
+#include "property_map.hpp"
+#include "regexparser.hpp"
+#include "web_cgi.hpp"
+#include "xmltree.hpp"
+
+namespace {
+
+using tx::web::kOperatorUid;
+
+struct Setting {
+    std::string name;
+    std::string key;  // the full property key that notifications carry
+    const command_entry* set_row;
+    std::vector<std::string> values;  // what the set row allows, when a fixed set
+};
+
+// Markup built as a tree and rendered by the XML library, which escapes
+// whatever the table's texts hold. The tree borrows its strings: they are
+// kept here until it has been rendered.
+class Markup {
+  public:
+    using Attributes = std::initializer_list<std::pair<const char*, std::string_view>>;
+
+    explicit Markup(const char* root) : doc_(xml_new(root)) {}
+
+    XmlNode* root() const { return doc_.get(); }
+
+    XmlNode* add(XmlNode* parent, const char* name, Attributes attributes = {},
+                 std::string_view text = {}) {
+        XmlNode* node = xml_add_child(parent, name, 0);
+        if (!text.empty()) xml_set_text(node, keep(text));
+        for (const auto& [attribute, value] : attributes)
+            xml_set_attr(node, attribute, keep(value));
+        return node;
+    }
+
+    std::string render() const {
+        const tx::HeapText text{xml_render(doc_.get())};
+        std::string html = text ? text.get() : "";
+        // An input is a void element in HTML: it takes no end tag.
+        for (std::size_t at = html.find("</input>"); at != std::string::npos;
+             at = html.find("</input>", at)) {
+            html.erase(at, std::string_view("</input>").size());
+        }
+        return html;
+    }
+
+  private:
+    const char* keep(std::string_view text) { return kept_.emplace_back(text).c_str(); }
+
+    XmlDocumentPtr doc_;
+    std::deque<std::string> kept_;
+};
+
+// The setting a row reads or changes: "get NAME" or "set NAME ...".
+std::string_view setting_of(const tx::grammar::RowWords& row, std::string_view verb) {
+    if (row.command_words != 2 || row.words[0].front() != verb) return {};
+    if (verb == "get" && row.words.size() != 2) return {};
+    if (verb == "set" && row.words.size() < 3) return {};
+    return row.words[1].front();
+}
+
+// Settings with both a get and a set row that the operator may run, by
+// category, in table order of their set rows.
+std::map<int, std::vector<Setting>> settings_by_category() {
+    const std::vector<tx::grammar::RowWords>& rows = tx::grammar::command_row_words();
+    std::set<std::string_view> readable;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        if (tx::grammar::row_allowed(command_table[row], kOperatorUid)) {
+            readable.insert(setting_of(rows[row], "get"));
+        }
+    }
+    std::map<int, std::vector<Setting>> settings;
+    std::set<std::string_view> done;
+    for (std::size_t row = 0; row < rows.size(); ++row) {
+        const std::string_view name = setting_of(rows[row], "set");
+        const command_entry& set_row = command_table[row];
+        if (name.empty() || !readable.contains(name) || !done.insert(name).second ||
+            !tx::grammar::row_allowed(set_row, kOperatorUid)) {
+            continue;
+        }
+        const char* key = property_key_for_name(name);
+        // A single value spelled out as a fixed set gets a select.
+        const bool one_value = rows[row].words.size() == 3 && !rows[row].more;
+        settings[set_row.category].push_back(
+            {std::string(name), key != nullptr ? key : std::string(name), &set_row,
+             one_value ? rows[row].words[2] : std::vector<std::string>{}});
+    }
+    return settings;
+}
+
+void add_setting(Markup& markup, XmlNode* table, const Setting& setting) {
+    const std::string id = "setting-" + setting.name;
+    XmlNode* row = markup.add(
+        table, "tr",
+        {{"class", "setting"}, {"id", id}, {"data-name", setting.name}, {"data-key", setting.key}});
+    markup.add(row, "th", {}, setting.name);
+    markup.add(row, "td", {{"class", "value"}});
+    XmlNode* form =
+        markup.add(markup.add(row, "td", {{"class", "input"}}), "form", {{"class", "set"}});
+    const std::string_view help = setting.set_row->help;
+    if (setting.values.empty()) {
+        markup.add(form, "input", {{"name", "value"}, {"placeholder", help}, {"title", help}});
+    } else {
+        XmlNode* select = markup.add(form, "select", {{"name", "value"}, {"title", help}});
+        for (const std::string& value : setting.values) markup.add(select, "option", {}, value);
+    }
+    markup.add(form, "button", {{"type", "submit"}}, "Set");
+    markup.add(row, "td", {{"class", "reply"}});
+}
+
+void write_page(std::ostream& out, std::string page) {
+    const auto settings = settings_by_category();
+    Markup nav("nav");
+    Markup sections("div");
+    // Each topic that lists one category, in the order help knows them.
+    for (const tx::grammar::TopicRange& topic : tx::grammar::help_topics()) {
+        const auto found = settings.find(topic.low);
+        if (topic.low != topic.high || found == settings.end()) continue;
+        const std::string anchor = "topic-" + std::string(topic.topic);
+        nav.add(nav.root(), "a", {{"href", "#" + anchor}}, topic.topic);
+        XmlNode* section = sections.add(sections.root(), "section", {{"id", anchor}});
+        sections.add(section, "h2", {}, topic.topic);
+        XmlNode* table = sections.add(section, "table");
+        for (const Setting& setting : found->second) add_setting(sections, table, setting);
+    }
+    for (const auto& [mark, text] :
+         {std::pair{"@NAV@", nav.render()}, {"@SETTINGS@", sections.render()}}) {
+        const std::size_t at = page.find(mark);
+        if (at != std::string::npos) page.replace(at, std::string_view(mark).size(), text);
+    }
+    out << page;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const std::vector<std::string_view> args(argv + 1, argv + argc);
+    if (args.size() != 4 || args[0] != "--template" || args[2] != "--output") {
+        std::cerr << "usage: web-page --template FILE --output FILE\n";
+        return 2;
+    }
+    std::ifstream in(std::string(args[1]), std::ios::binary);
+    const std::string page{std::istreambuf_iterator<char>(in), {}};
+    std::ofstream out(std::string(args[3]), std::ios::binary | std::ios::trunc);
+    write_page(out, page);
+    out.close();
+    if (!in.is_open() || page.empty() || !out) {
+        std::cerr << "web-page: cannot read " << args[1] << " or write " << args[3] << '\n';
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,67 @@
+#include "connector_common.hpp"
+
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <mutex>
+
+#include "xml_messages.hpp"
+
+namespace {
+
+// A connector may write to the core from more than one thread (the CGI
+// connector's registration and its client receiver); the pair keeps its out
+// descriptor and its sequence counter in shared fields.
+std::mutex core_write_mutex;
+
+constexpr useconds_t kCoreAwayPauseUs = 10000;
+
+}  // namespace
+
+int forward_to_core(FdPair* pair, const char* client_id, const IpcMessage& message) {
+    const std::lock_guard lock(core_write_mutex);
+    char sequence[16] = {};
+    std::snprintf(sequence, sizeof sequence, "%d", pair->next_sequence(pair));
+    const tx::HeapText envelope = wrap_client_request(message, client_id, sequence);
+    if (!envelope || envelope.get()[0] == '\0') return -1;
+    // The envelope is a 512-byte allocation: the pair pads and writes it whole.
+    return pair->write(pair, envelope.get(), CORE_RECORD_LEN);
+}
+
+void read_core_records(FdPair* pair, void (*take)(void* context, std::string_view text),
+                       void* context) {
+    char record[CORE_RECORD_LEN + 1];
+    for (;;) {
+        std::memset(record, 0, sizeof record);
+        pair->read(pair, record, CORE_RECORD_LEN);
+        if (record[0] == '\0') {
+            // Nothing read: the pair reported an error or the core closed its
+            // end. Do not spin while it is away.
+            usleep(kCoreAwayPauseUs);
+            continue;
+        }
+        take(context, record);
+    }
+}
+
+void run_connector_process(IpcChannel* channel, void (*start)()) {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
+
+    start();
+
+    int received = 0;
+    while (sigwait(&stop, &received) != 0) {
+    }
+    channel->remove(channel);
+    // The worker threads are never joined and are still running: ending
+    // without static destructors keeps them off objects being torn down.
+    std::fflush(nullptr);
+    std::_Exit(0);
+}

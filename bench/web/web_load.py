@@ -1,0 +1,67 @@
+"""Latency of the web path: a get through lighttpd, the command program,
+cgiconn and coresim, from 4 clients at once, each on its own keep-alive
+connection as a browser would be. Starts the stack itself (tools/web/serve)
+on a free loopback port, so it runs inside tools/sandbox:
+
+    tools/sandbox /usr/bin/python3 bench/web/web_load.py BIN_DIR PAGE_DIR [SECONDS]
+
+(tools/run-web --load [SECONDS] builds and does that.) Prints p50, p90, p99
+and the requests per second; the target is p50 <= 20 ms."""
+import http.client, os, socket, subprocess, sys, tempfile, threading, time
+
+CLIENTS = 4
+PATH = '/cgi-bin/command?cmd=get+speaker-volume'
+
+
+def client(port, until, latencies, failures):
+    connection = http.client.HTTPConnection('127.0.0.1', port, timeout=5)
+    while time.monotonic() < until:
+        start = time.perf_counter()
+        connection.request('GET', PATH)
+        response = connection.getresponse()
+        body = response.read()
+        latencies.append(time.perf_counter() - start)
+        if response.status != 200 or b'val speaker-volume' not in body:
+            failures.append(response.status)
+    connection.close()
+
+
+def percentile(sorted_values, p):
+    return sorted_values[min(len(sorted_values) - 1, int(len(sorted_values) * p / 100))]
+
+
+def main():
+    root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+    bin_dir, page_dir = sys.argv[1:3]
+    seconds = float(sys.argv[3]) if len(sys.argv) > 3 else 20
+    with socket.socket() as s:
+        s.bind(('127.0.0.1', 0))
+        port = s.getsockname()[1]
+    server = subprocess.Popen([f'{root}/tools/web/serve', bin_dir, page_dir, str(port),
+                               tempfile.mkdtemp()], stdout=subprocess.PIPE, text=True)
+    if not server.stdout.readline().startswith('serving'):
+        sys.exit('web_load: the stack did not start')
+    latencies, failures = [], []
+    client(port, time.monotonic() + 1, [], [])  # warm-up
+    until = time.monotonic() + seconds
+    threads = [threading.Thread(target=client, args=(port, until, latencies, failures))
+               for _ in range(CLIENTS)]
+    began = time.monotonic()
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    elapsed = time.monotonic() - began
+    server.terminate()
+    server.communicate()
+    latencies.sort()
+    ms = lambda p: percentile(latencies, p) * 1000
+    print(f'web get, {CLIENTS} clients, {elapsed:.1f} s: {len(latencies)} requests, '
+          f'{len(failures)} failed, {len(latencies) / elapsed:.0f} requests/s')
+    print(f'latency: p50 {ms(50):.1f} ms, p90 {ms(90):.1f} ms, p99 {ms(99):.1f} ms, '
+          f'max {latencies[-1] * 1000:.1f} ms (target p50 <= 20 ms)')
+    return 1 if failures else 0
+
+
+if __name__ == '__main__':
+    sys.exit(main())

@@ -1,0 +1,111 @@
+// The message queue channel and the FIFO pair to the core.
+#include <gtest/gtest.h>
+#include <sys/msg.h>
+#include <sys/stat.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <string>
+#include <thread>
+
+#include "ipc_channel.hpp"
+#include "osal/log_capture.hpp"
+
+namespace {
+
+// The CLI connector and a client attached to its queues.
+class Channel : public testing::Test {
+  protected:
+    // The creator's open replaces the queues that an earlier test left.
+    void SetUp() override {
+        ASSERT_EQ(conn.open(&conn, 'c'), 0);
+        ASSERT_EQ(client.open(&client, 'u'), 0);
+    }
+    IpcChannel conn = cli_connector_channel;
+    IpcChannel client = cli_client_channel;
+    IpcMessage msg{};
+};
+
+TEST_F(Channel, EndsMeetCrosswiseThroughTheTokenFiles) {
+    EXPECT_EQ(conn.send_key, ftok("/tmp/cli_in_token", 'a'));
+    EXPECT_EQ(conn.receive_key, ftok("/tmp/cli_out_token", 'a'));
+    EXPECT_EQ(client.send_id, conn.receive_id);
+    EXPECT_EQ(client.receive_id, conn.send_id);
+    // Made by the first open, with the decimal 777 permission value.
+    const mode_t mask = umask(0);
+    umask(mask);
+    struct stat info {};
+    ASSERT_EQ(stat("/tmp/cli_in_token", &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 777 & ~mask);
+}
+
+TEST_F(Channel, TextsTravelInFixedRecordsCutAt511Characters) {
+    ASSERT_EQ(client.send(&client, "abc", 4321, 7), 1);
+    ASSERT_EQ(client.send(&client, std::string(700, 'q').c_str(), 4321, 0), 1);
+    // Every record is 516 bytes to the queue calls, whatever the size of long.
+    msqid_ds queue{};
+    msgctl(conn.receive_id, IPC_STAT, &queue);
+    EXPECT_EQ(queue.msg_cbytes, 2 * 516u);
+    std::memset(&msg, 0x55, sizeof msg);
+    ASSERT_EQ(conn.receive(&conn, &msg, 0), 1);
+    EXPECT_EQ(msg.type, 4321);
+    EXPECT_EQ(msg.word, 7);
+    EXPECT_EQ(std::string(msg.text, sizeof msg.text), "abc" + std::string(509, '\0'));
+    ASSERT_EQ(conn.receive(&conn, &msg, 4321), 1);
+    EXPECT_EQ(std::string(msg.text, sizeof msg.text), std::string(511, 'q') + '\0');
+}
+
+TEST_F(Channel, FailedReceivesAreLogged) {
+    LogCapture log;
+    EXPECT_EQ(client.receive_retry(&client, &msg, 5, 1, 3), 0);
+    EXPECT_EQ(log.take(), report_prefix("ipc_channel", 233) +
+                              "error receiving ipc message (/tmp/cli_in_token), errorno: 42\n\n");
+    conn.remove(&conn);
+    EXPECT_EQ(client.receive(&client, &msg, 5), 0);
+    EXPECT_EQ(log.take(), report_prefix("ipc_channel", 201) + "error receiving ipc message\n\n");
+}
+
+IpcChannel* farewell_channel = nullptr;
+
+// A signal that lands while its thread is inside a send must not deadlock
+// on the channel lock that the interrupted send holds.
+TEST_F(Channel, ASendFromASignalHandlerInterruptingASendCompletes) {
+    farewell_channel = &client;
+    // What the client's SIGINT handler does: one more send on the same channel.
+    std::signal(SIGUSR1, [](int) {
+        const int interrupted = errno;
+        farewell_channel->send(farewell_channel, "farewell", 99, 0);
+        errno = interrupted;
+    });
+    std::atomic<bool> done{false};
+    std::thread sender([&] {
+        for (int i = 0; i < 20000; ++i) {
+            client.send(&client, "busy", 11, 0);
+            if (i % 64 == 0) client.flush(&client, 0);
+        }
+        done = true;
+    });
+    // A deadlock shows as a test that never ends.
+    while (!done) {
+        pthread_kill(sender.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+    }
+    sender.join();
+}
+
+// A record that is empty or does not fit is never written to the core.
+TEST(FdPair, EmptyAndOverlongRecordsAreRefused) {
+    FdPair pair = fd_pairs[1];
+    char record[CORE_RECORD_LEN] = {};
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(pair.write(&pair, record, sizeof record), -1);
+    std::memset(record, 'x', sizeof record);
+    EXPECT_EQ(pair.write(&pair, record, sizeof record), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().find(
+                  "NULL or empty/large message : /tmp/CoreRxCommand1: "),
+              0u);
+}
+
+}  // namespace

@@ -1,0 +1,97 @@
+// Logging, which every part of the system uses, and one smoke test for each
+// group of wrappers that only library users call.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <thread>
+
+#include "osal/log_capture.hpp"
+
+namespace {
+
+TEST(Log, RecordsAreTheFormattedTextAndANewlineCutAt1022Characters) {
+    LogCapture log;
+    std::string bare;  // from a thread whose id differs from the process id
+    std::thread([&bare] {
+        osal_report("osal_file", 45, "\n");
+        bare = report_prefix("osal_file", 45) + "\n\n";
+    }).join();
+    osal_log(0, "%s:%s: ipc send error %d", "cli_client", "cli_clear_roomcontrol", 0);
+    char byte = 0;
+    osal_queue_write(1, &byte, -1);  // refused with its own line
+    EXPECT_EQ(log.take(), bare + "cli_client:cli_clear_roomcontrol: ipc send error 0\n" +
+                              report_prefix("osal_queue", 92) + "\n\n");
+
+    osal_log(0, "%s", std::string(1022, 'b').c_str());
+    EXPECT_EQ(log.take(), std::string(1022, 'b') + "\n");
+    // The prefix is part of the text that is cut.
+    osal_report("src", 1, "%s", std::string(2000, 'a').c_str());
+    EXPECT_EQ(log.take(),
+              (report_prefix("src", 1) + std::string(1022, 'a')).substr(0, 1022) + '\0' + '\n');
+
+    // Nobody drains the pipe: records are dropped whole, and logging never blocks.
+    for (int i = 0; i < 5000; ++i) osal_log(0, "%s", std::string(99, 'r').c_str());
+    const std::string kept = log.take();
+    EXPECT_EQ(kept.size() % 100, 0u);  // whole records only
+    EXPECT_LT(kept.size(), 500000u);
+}
+
+int stoppable(OsalTaskControl* control) {
+    while (control->stop_request.load() == 0) osal_sleep_ms(1);
+    control->running.store(0);
+    return 7;
+}
+
+TEST(Smoke, TaskStartsOnceAndStops) {
+    OsalTaskControl control{.name = "osal_smoke_task"};
+    OsalTask task{.entry = stoppable, .control = &control};
+    ASSERT_EQ(osal_task_start(&task), 0);
+    EXPECT_EQ(osal_task_start(&task), -1);
+    EXPECT_EQ(osal_task_stop(&task), 0);
+    void* result = nullptr;
+    pthread_join(task.thread, &result);
+    EXPECT_EQ(result, reinterpret_cast<void*>(7));
+}
+
+TEST(Smoke, ExitFilesSelectAndMutex) {
+    ASSERT_EQ(osal_exit_init(), 0);
+    std::raise(SIGTERM);
+    osal_wait_for_exit();
+
+    const int fd = osal_file_open("/tmp/osal_smoke", OSAL_FILE_RDWR_TRUNC | OSAL_FILE_CREATE);
+    ASSERT_EQ(osal_file_write(fd, "mapped", 6), 6);
+    void* map = osal_file_map(fd, 0, 6);
+    ASSERT_NE(map, nullptr);
+    EXPECT_EQ(std::string(static_cast<char*>(map), 6), "mapped");
+    EXPECT_EQ(osal_file_unmap(map, 6), 0);
+    const int fds[2] = {-1, fd};
+    int ready[2] = {9, 9};
+    EXPECT_EQ(osal_select_wait_readable(fds, ready, 2, 0), 1);
+    EXPECT_EQ(ready[0] + 2 * ready[1], 2);
+    EXPECT_EQ(osal_file_close(fd), 0);
+
+    const OsalMutex mutex = osal_mutex_create();
+    EXPECT_EQ(osal_mutex_lock(mutex.get()) + osal_mutex_unlock(mutex.get()), 0);
+}
+
+TEST(Smoke, UdpLoopbackRoundTrip) {
+    const int socket = osal_net_socket(OSAL_NET_IPV4);
+    OsalNetAddress address{};
+    address.family = OSAL_NET_IPV4;
+    ASSERT_EQ(osal_net_address_from_text("127.0.0.1", &address), 0);
+    ASSERT_EQ(osal_net_bind(socket, &address), 0);
+    sockaddr_in bound{};
+    socklen_t length = sizeof bound;
+    getsockname(socket, reinterpret_cast<sockaddr*>(&bound), &length);
+    address.port = ntohs(bound.sin_port);
+    ASSERT_EQ(osal_net_send_to(socket, &address, "ping", 5), 5);
+    OsalNetAddress from{};
+    from.family = OSAL_NET_IPV4;
+    char text[8] = {};
+    EXPECT_EQ(osal_net_receive_from(socket, &from, text, sizeof text), 5);
+    EXPECT_STREQ(text, "ping");
+    EXPECT_EQ(osal_net_close(socket, &address), 0);
+}
+
+}  // namespace
