@@ -1,6 +1,7 @@
 #include "cgi_connector.hpp"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +26,7 @@ int no_hook(CgiConnector*) {
 }
 
 constexpr const char* kSource = "cgi_connector";
+constexpr useconds_t kRegistrationPauseUs = 100000;
 // The notification line's pieces are cut one by one; the 256-byte line
 // bounds their sum.
 constexpr NotifyLineCuts kLineCuts{65, 321};
@@ -48,6 +50,15 @@ std::vector<std::string> dead_markers() {
         dead.emplace_back(entry->d_name);
     }
     return dead;
+}
+
+// The core has its end of the out FIFO open: a non-blocking open for
+// writing succeeds only then. Nothing is reported while it is away.
+bool core_listens(const FdPair& pair) {
+    const int fd = open(pair.out_path, O_WRONLY | O_NONBLOCK);
+    if (fd < 0) return false;
+    close(fd);
+    return true;
 }
 
 }  // namespace
@@ -78,9 +89,15 @@ int cgi_register_for_notifications(CgiConnector* connector) {
     // registrations when it restarts. Only a failed open (a positive error
     // number) ends it.
     while (forward_to_core(connector->pair, connector->name, message) <= 0) {
-        usleep(100000);
+        usleep(kRegistrationPauseUs);
     }
     return 1;
+}
+
+void cgi_keep_registered(CgiConnector* connector) {
+    while (cgi_register_for_notifications(connector) == 1) {
+        while (!core_listens(*connector->pair)) usleep(kRegistrationPauseUs);
+    }
 }
 
 int cgi_write_inter_comm(std::string_view line) {
@@ -133,7 +150,12 @@ std::string_view cgi_marker_pid(std::string_view file_name) {
     const std::string_view rest = file_name.substr(prefix.size());
     const std::size_t end = rest.find(CGI_MARKER_SUFFIX);
     if (end == std::string_view::npos || end < 1 || end > 15) return {};
-    return rest.substr(0, end);
+    // What strtol makes of anything else could be 0 (every client's
+    // replies), negative (a range of types) or a live client's id ("007").
+    const std::string_view pid = rest.substr(0, end);
+    if (pid.front() == '0' || pid.find_first_not_of("0123456789") != std::string_view::npos)
+        return {};
+    return pid;
 }
 
 int cgi_monitor_pass(CgiConnector* connector) {

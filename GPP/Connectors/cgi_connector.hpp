@@ -51,6 +51,12 @@ int cgi_handle_client_message(CgiConnector* connector, const IpcMessage& message
 // the request cannot be rendered.
 int cgi_register_for_notifications(CgiConnector* connector);
 
+// Registers for notifications again whenever the core can be reached again:
+// the core forgets registrations when it restarts, and a core that starts
+// after the connector never had one. Returns only when the request cannot be
+// rendered.
+void cgi_keep_registered(CgiConnector* connector);
+
 // Writes line as one 256-byte NUL-padded record into /tmp/CgiInterComm.
 // Returns 0, or -1 when the pipe cannot be opened or written.
 int cgi_write_inter_comm(std::string_view line);
@@ -73,7 +79,8 @@ CgiRoute cgi_worker_step(CgiConnector* connector, std::string_view record);
 int cgi_monitor_pass(CgiConnector* connector);
 
 // The pid text of a marker file name, or empty when the name is not a marker
-// (no "cgi_rx_" prefix, no ".txt", or a number part not 1 to 15 characters).
+// (no "cgi_rx_" prefix, no ".txt", or a number part not 1 to 15 characters
+// or not a process id in plain decimal).
 std::string_view cgi_marker_pid(std::string_view file_name);
 
 void* cgi_client_receiver(void* connector);

@@ -205,13 +205,9 @@ int cli_connector_start(CliConnector* connector) {
     }
     connector->pair->create(connector->pair);
 
-    // The worker threads keep SIGUSR2 blocked: a blocking queue receive that a
-    // signal interrupts counts as failed and would end the receiver.
-    sigset_t usr2;
-    sigemptyset(&usr2);
-    sigaddset(&usr2, SIGUSR2);
-    sigset_t previous;
-    pthread_sigmask(SIG_BLOCK, &usr2, &previous);
+    // SIGUSR2 is blocked (see run_connector_process) and stays so in the
+    // worker threads: a blocking queue receive that a signal interrupts would
+    // fail. This thread takes it once the handler is in place.
     for (int i = 0; i < 3; ++i) {
         if (pthread_create(&connector->threads[i], nullptr, connector->thread_routines[i],
                            connector) != 0) {
@@ -221,12 +217,15 @@ int cli_connector_start(CliConnector* connector) {
         pthread_detach(connector->threads[i]);
         connector->thread_started[i] = true;
     }
-    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 
     struct sigaction action {};
     action.sa_handler = on_sigusr2;
     sigemptyset(&action.sa_mask);
     action.sa_flags = 0;
     sigaction(SIGUSR2, &action, nullptr);
+    sigset_t usr2;
+    sigemptyset(&usr2);
+    sigaddset(&usr2, SIGUSR2);
+    pthread_sigmask(SIG_UNBLOCK, &usr2, nullptr);
     return 0;
 }

@@ -50,7 +50,10 @@ struct CliConnector {
 extern CliConnector cli_connector;
 
 // Opens the channel (role 'c'; a failure ends the process with status 0),
-// creates the FIFOs, starts the three threads and installs the SIGUSR2 handler.
+// creates the FIFOs, starts the three threads and installs the SIGUSR2
+// handler. The caller keeps SIGUSR2 blocked until then (run_connector_process
+// does): a client that leaves while the connector starts must not end it.
+// The calling thread takes SIGUSR2 from then on, the worker threads never.
 int cli_connector_start(CliConnector* connector);
 
 // The session step for one client message: refresh or take a session and

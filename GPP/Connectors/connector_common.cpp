@@ -4,10 +4,14 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <limits>
 #include <mutex>
 
+#include "osal.hpp"
 #include "xml_messages.hpp"
 
 namespace {
@@ -18,6 +22,18 @@ namespace {
 std::mutex core_write_mutex;
 
 constexpr useconds_t kCoreAwayPauseUs = 10000;
+
+// Taken, and never given back, by the one thread that ends the process: the
+// client receiver that finds the queues removed on SIGTERM must not take
+// that for a lost queue.
+std::mutex ending;
+
+// The worker threads are never joined and may still be running: ending
+// without static destructors keeps them off objects being torn down.
+[[noreturn]] void end_process(int status) {
+    std::fflush(nullptr);
+    std::_Exit(status);
+}
 
 }  // namespace
 
@@ -48,20 +64,37 @@ void read_core_records(FdPair* pair, void (*take)(void* context, std::string_vie
 }
 
 void run_connector_process(IpcChannel* channel, void (*start)()) {
+    sigset_t held;
+    sigemptyset(&held);
+    sigaddset(&held, SIGINT);
+    sigaddset(&held, SIGTERM);
+    sigaddset(&held, SIGUSR2);
+    pthread_sigmask(SIG_BLOCK, &held, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+
+    start();
+
     sigset_t stop;
     sigemptyset(&stop);
     sigaddset(&stop, SIGINT);
     sigaddset(&stop, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stop, nullptr);
-
-    start();
-
     int received = 0;
     while (sigwait(&stop, &received) != 0) {
     }
+    ending.lock();
     channel->remove(channel);
-    // The worker threads are never joined and are still running: ending
-    // without static destructors keeps them off objects being torn down.
-    std::fflush(nullptr);
-    std::_Exit(0);
+    end_process(0);
+}
+
+bool is_client_type(long type) {
+    if (type > 0 && type <= std::numeric_limits<pid_t>::max()) return true;
+    osal_report("connector_common", __LINE__, "message type %ld is no process id: dropped\n", type);
+    return false;
+}
+
+void end_deaf_connector(const char* name, int error) {
+    ending.lock();
+    std::fprintf(stderr, "%s connector: cannot hear its clients any more (%s)\n", name,
+                 std::strerror(error));
+    end_process(1);
 }

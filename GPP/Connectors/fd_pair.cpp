@@ -33,6 +33,20 @@ std::string_view path_of(const char (&field)[FD_PAIR_PATH_LEN]) {
     return tx::field_view(std::span<const char>(field));
 }
 
+// Whether fd, just opened on path, is a FIFO. Anything else there (a regular
+// file, or one that the open made where nothing was) would swallow the
+// records written into it, or hand out what it holds and then end-of-file
+// for ever: it is closed, reported and replaced by a FIFO.
+bool opened_fifo(int fd, const char* path) {
+    struct stat info {};
+    if (fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode)) return true;
+    close(fd);
+    std::fprintf(stderr, "%s is not a FIFO: made a FIFO again\n", path);
+    (void)std::remove(path);
+    (void)mkfifo(path, 0666);
+    return false;
+}
+
 int pair_create(FdPair* pair) {
     if (pair == nullptr) return -1;
     // An existing FIFO is kept.
@@ -69,6 +83,8 @@ int pair_write(FdPair* pair, char* record, std::size_t record_len) {
         report("Failed to open fd_pair_out : ", path_of(pair->out_path));
         return error;
     }
+    // Like a FIFO without a reader: the core is not there to take the record.
+    if (!opened_fifo(out_fd, pair->out_path)) return ENXIO;
     // Every record on the FIFO has the same length, NUL-padded.
     std::memset(record + text_len, 0, record_len - text_len);
     const ssize_t written = write(out_fd, record, record_len);
@@ -85,7 +101,9 @@ void pair_read(FdPair* pair, char* buffer, std::size_t length) {
     if (pair == nullptr || buffer == nullptr) return;
     if (pair->in_fd < 1) {
         // Blocks until the core opens its end for writing.
-        pair->in_fd = open(pair->in_path, O_RDONLY);
+        const int in_fd = open(pair->in_path, O_RDONLY);
+        if (in_fd >= 0 && !opened_fifo(in_fd, pair->in_path)) return;
+        pair->in_fd = in_fd;
         // It is the out descriptor that is tested here, not the one just
         // opened: long-standing behaviour, kept as it is.
         if (std::atomic_ref<int>(pair->out_fd).load() < 0) {

@@ -127,7 +127,10 @@ int channel_receive(IpcChannel* channel, IpcMessage* buffer, long type) {
         msgrcv(channel->receive_id, buffer, IPC_PAYLOAD_LEN, type, MSG_NOERROR) >= 0) {
         return 1;
     }
+    // The caller tells a signal from a queue that is gone by errno.
+    const int error = errno;
     log_prefixed(201, "error receiving ipc message");
+    errno = error;
     return 0;
 }
 

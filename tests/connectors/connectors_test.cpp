@@ -6,6 +6,7 @@
 #include <csignal>
 #include <thread>
 
+#include "connector_common.hpp"
 #include "support/fake_transport.hpp"
 
 namespace {
@@ -56,6 +57,21 @@ TEST_F(Sessions, OneSessionExpiresPerPassOnceItIsOlderThanThirtySeconds) {
     EXPECT_EQ(cli_expire_one(&fake::cli, now), 0);
     // Their undelivered replies go with them.
     EXPECT_EQ(fake::transport.flushed, (std::vector<long>{13, 14}));
+}
+
+// Types beyond the process ids come only from a 64-bit build: cut to an int,
+// (n << 32) + 7 would be taken for client 7.
+TEST_F(Sessions, TypesBeyondProcessIdsTakeNoSessionAndReachNeitherCoreNorClient) {
+    if (sizeof(long) == sizeof(int)) GTEST_SKIP() << "every type is a process id here";
+    for (long long high = 1; high <= CLI_SESSION_COUNT + 1; ++high)
+        fake::transport.incoming.push_back(
+            fake::message(static_cast<long>((high << 32) + 7), kGet));
+    fake::transport.incoming.push_back(fake::message(9, kGet));
+    receive_client_messages(&fake::cli);
+    EXPECT_EQ(fake::transport.written, std::vector<std::string>{envelope("CLI", 9, 0, kGet)});
+    EXPECT_TRUE(fake::transport.sent.empty());
+    EXPECT_EQ(fake::cli.sessions[0].pid.load(), 9);
+    for (int i = 1; i < CLI_SESSION_COUNT; ++i) EXPECT_EQ(fake::cli.sessions[i].pid.load(), 0);
 }
 
 // The registration goes to the core again and again for as long as the core's

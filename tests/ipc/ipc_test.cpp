@@ -7,6 +7,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -106,6 +107,28 @@ TEST(FdPair, EmptyAndOverlongRecordsAreRefused) {
     EXPECT_EQ(testing::internal::GetCapturedStderr().find(
                   "NULL or empty/large message : /tmp/CoreRxCommand1: "),
               0u);
+}
+
+// Where a FIFO of the pair belongs, a regular file would swallow the records
+// written into it and hand out whatever it holds; nothing there, the open
+// would make one. Either is reported and made a FIFO again.
+TEST(FdPair, PathsThatAreNoFifoAreReportedAndMadeFifosAgain) {
+    FdPair pair = fd_pairs[1];
+    char record[CORE_RECORD_LEN] = "<server_response client_id=\"CLI\" sub_client_id=\"7\">";
+    for (const char* path : {pair.in_path, pair.out_path}) std::ofstream(path) << record;
+    testing::internal::CaptureStderr();
+    EXPECT_GT(pair.write(&pair, record, sizeof record), 0);
+    char read_back[CORE_RECORD_LEN] = {};
+    pair.read(&pair, read_back, sizeof read_back);
+    EXPECT_STREQ(read_back, "");
+    std::remove(pair.out_path);
+    EXPECT_GT(pair.write(&pair, record, sizeof record), 0);
+    const std::string reports = testing::internal::GetCapturedStderr();
+    for (const char* path : {pair.in_path, pair.out_path}) {
+        struct stat info {};
+        EXPECT_TRUE(stat(path, &info) == 0 && S_ISFIFO(info.st_mode)) << path;
+        EXPECT_NE(reports.find(path), std::string::npos) << reports;
+    }
 }
 
 }  // namespace

@@ -35,8 +35,27 @@ std::unique_ptr<Process> start(const std::string& program, const std::string& ar
     return std::make_unique<Process>(argv, "/tmp/" + program + name, env, true);
 }
 
-bool logged(const char* text) {
-    return tx::test::read_file("/tmp/coresim").find(text) != std::string::npos;
+// Whether a program of the stack has printed the text on either output.
+bool said(const std::string& program, const std::string& text) {
+    const std::string log = "/tmp/" + program;
+    return (tx::test::read_file(log) + tx::test::read_file(log + ".err")).find(text) !=
+           std::string::npos;
+}
+
+// The queue on which a connector hears its clients.
+const char* client_queue(const std::string& connector) {
+    return connector == "cliconn" ? "/tmp/cli_out_token" : "/tmp/cgi_out_token";
+}
+
+// Starts coresim or a connector and waits until it serves.
+std::unique_ptr<Process> launch(const std::string& program) {
+    std::remove(("/tmp/" + program).c_str());  // no "ready" of an earlier run
+    auto process = start(program, program == "coresim" ? "-v" : "");
+    EXPECT_TRUE(wait_until([&] {
+        return program == "coresim" ? said(program, "coresim: ready")
+                                    : tx::test::queue_of(client_queue(program), false) >= 0;
+    }));
+    return process;
 }
 
 TEST_P(Stack, Session) {
@@ -45,16 +64,10 @@ TEST_P(Stack, Session) {
     const int intercomm = open("/tmp/CgiInterComm", O_RDONLY | O_NONBLOCK);
     // The CGI connector registers with the core when it starts, so the core
     // comes first.
-    auto coresim = start("coresim", "-v");
-    ASSERT_TRUE(wait_until([] { return logged("coresim: ready"); }));
-    auto cliconn = start("cliconn", "");
-    auto cgiconn = start("cgiconn", "");
-    ASSERT_TRUE(wait_until([] {
-        return logged("client_register_notify") &&
-               tx::test::queue_of("/tmp/cli_out_token", false) >= 0;
-    }));
-    const int to_cgi = tx::test::queue_of("/tmp/cgi_out_token", false);
-    const int from_cgi = tx::test::queue_of("/tmp/cgi_in_token", false);
+    std::map<std::string, std::unique_ptr<Process>> programs;
+    for (const char* program : {"coresim", "cliconn", "cgiconn"})
+        programs[program] = launch(program);
+    ASSERT_TRUE(wait_until([] { return said("coresim", "client_register_notify"); }));
     std::map<std::string, std::unique_ptr<Process>> clients;
     for (tx::test::Row row : tx::test::read_table(SESSIONS)) {
         if (row[kSession] != GetParam()) continue;
@@ -74,10 +87,20 @@ TEST_P(Stack, Session) {
         } else if (step == "lacks") {
             EXPECT_EQ(clients.at(actor)->output().find(text), std::string::npos);
         } else if (step == "signal") {
-            cliconn->signal(SIGUSR2);
+            programs.at(actor)->signal(text == "PIPE" ? SIGPIPE : SIGUSR2);
+        } else if (step == "stop" || step == "launch") {
+            programs[actor] = step == "stop" ? nullptr : launch(actor);
+        } else if (step == "says") {
+            EXPECT_TRUE(wait_until([&] { return said(actor, text); }));
+        } else if (step == "loses-queue") {
+            msgctl(tx::test::queue_of(client_queue(actor), false), IPC_RMID, nullptr);
+        } else if (step == "ends") {
+            EXPECT_EQ(programs.at(actor)->wait(), std::stoi(text));
         } else if (step == "send") {
-            EXPECT_TRUE(tx::test::send_text(to_cgi, std::stol(actor), text));
+            EXPECT_TRUE(tx::test::send_text(tx::test::queue_of("/tmp/cgi_out_token", false),
+                                            std::stol(actor), text));
         } else if (step == "gets") {
+            const int from_cgi = tx::test::queue_of("/tmp/cgi_in_token", false);
             tx::test::QueueRecord reply;
             EXPECT_TRUE(wait_until([&] {
                 return msgrcv(from_cgi, &reply, tx::test::kQueuePayload, std::stol(actor),

@@ -3,7 +3,9 @@
 // program where that code breaks the contract of the real ones.
 #pragma once
 
+#include <cerrno>
 #include <cstdlib>
+#include <deque>
 #include <string>
 #include <vector>
 
@@ -17,7 +19,8 @@ struct Transport {
     std::vector<std::pair<long, std::string>> sent;  // type, text
     std::vector<long> flushed;
     std::vector<std::string> written;
-    int failing_sends = 0;  // the next N sends report a full queue
+    int failing_sends = 0;            // the next N sends report a full queue
+    std::deque<IpcMessage> incoming;  // then the queue is gone
 };
 inline Transport transport;
 
@@ -26,6 +29,13 @@ inline int send(IpcChannel*, const char* text, long type, int) {
     if (text == nullptr || strnlen(text, IPC_TEXT_LEN) == IPC_TEXT_LEN) std::abort();
     if (transport.failing_sends-- > 0) return 0;
     transport.sent.emplace_back(type, text);
+    return 1;
+}
+inline int receive(IpcChannel*, IpcMessage* buffer, long) {
+    errno = EIDRM;
+    if (transport.incoming.empty()) return 0;
+    *buffer = transport.incoming.front();
+    transport.incoming.pop_front();
     return 1;
 }
 inline int flush(IpcChannel*, long type) {
@@ -40,10 +50,13 @@ inline int write(FdPair*, char* record, std::size_t record_len) {
     return 0;
 }
 
-inline IpcChannel channel{"", "", 0, 0, 0, 0, nullptr, send, nullptr, nullptr, flush, nullptr};
+inline IpcChannel channel{"", "", 0, 0, 0, 0, nullptr, send, receive, nullptr, flush, nullptr};
 inline FdPair pair{"", "", 0, 0, 0, nullptr, nullptr, write, nullptr, fd_pairs[0].next_sequence};
 
-inline CliConnector cli{.name = "CLI", .channel = &channel, .pair = &pair};
+inline CliConnector cli{.name = "CLI",
+                        .channel = &channel,
+                        .pair = &pair,
+                        .handle_client_message = cli_handle_client_message};
 inline CgiConnector cgi{.name = "CGI", .channel = &channel, .pair = &pair};
 
 inline void reset() {

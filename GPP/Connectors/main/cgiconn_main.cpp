@@ -9,7 +9,7 @@
 namespace {
 
 void* register_routine(void* connector) {
-    cgi_register_for_notifications(static_cast<CgiConnector*>(connector));
+    cgi_keep_registered(static_cast<CgiConnector*>(connector));
     return nullptr;
 }
 
@@ -18,8 +18,8 @@ void start() {
     // cliconn; that is no reason for this one to end.
     signal(SIGUSR2, SIG_IGN);
     cgi_connector.start(&cgi_connector);
-    // The registration repeats for as long as the core is there, so it gets a
-    // thread of its own.
+    // The registration repeats for as long as the core is there, and starts
+    // again when it is back, so it gets a thread of its own.
     pthread_t registration{};
     if (pthread_create(&registration, nullptr, register_routine, &cgi_connector) == 0) {
         pthread_detach(registration);
