@@ -87,9 +87,11 @@ TEST_P(Stack, Session) {
         } else if (step == "lacks") {
             EXPECT_EQ(clients.at(actor)->output().find(text), std::string::npos);
         } else if (step == "signal") {
-            programs.at(actor)->signal(text == "PIPE" ? SIGPIPE : SIGUSR2);
-        } else if (step == "stop" || step == "launch") {
-            programs[actor] = step == "stop" ? nullptr : launch(actor);
+            programs.at(actor)->signal(text == "PIPE"   ? SIGPIPE
+                                       : text == "TERM" ? SIGTERM
+                                                        : SIGUSR2);
+        } else if (step == "launch") {
+            programs[actor] = launch(actor);
         } else if (step == "says") {
             EXPECT_TRUE(wait_until([&] { return said(actor, text); }));
         } else if (step == "loses-queue") {
