@@ -2,13 +2,12 @@
 //
 // Parsing works in place: the tree keeps pointers into the caller's buffer,
 // which must outlive the document. Trees built in code borrow the strings they
-// are given unless the node's XML_DUP flag hands them over. The module depends
-// on nothing else in the project.
+// are given unless the node's XML_DUP flag hands them over. Rendered texts are
+// plain heap strings (tx::HeapText owns them).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <span>
 
@@ -82,13 +81,8 @@ char* xml_render(XmlNode* node);
 void xml_free(XmlNode* node);
 void xml_free_attrs(char** attrs);
 
-// RAII owners on top of the C-style interface.
+// The RAII owner of a document.
 struct XmlDocumentDeleter {
     void operator()(XmlDocument* doc) const noexcept { xml_free(doc); }
 };
 using XmlDocumentPtr = std::unique_ptr<XmlDocument, XmlDocumentDeleter>;
-
-struct XmlTextDeleter {
-    void operator()(char* text) const noexcept { std::free(text); }
-};
-using XmlText = std::unique_ptr<char, XmlTextDeleter>;
