@@ -16,49 +16,43 @@ inline constexpr const char* kWhitespace = "\t\r\n ";
 extern char kEmptyText[];
 
 // The allocation behind every document: the public record, the document's
-// own copy of the predefined entity table, and a small area from which its
-// first elements and attribute lists are taken, so that a message-sized tree
-// costs one allocation. Blocks of the area go with the document.
-inline constexpr std::size_t kAreaSize = 640;
+// own copy of the predefined entity table, and the first block of the area
+// from which the document's elements and attribute lists are taken. A
+// message-sized tree fits in that block, so it costs one allocation; larger
+// trees chain more blocks. The area goes with the document: freeing a part of
+// a tree frees the strings it owns.
+inline constexpr std::size_t kFirstArea = 616;
+struct AreaBlock {
+    AreaBlock* next;
+    std::size_t size;  // bytes after this header
+};
 struct DocumentBlock : XmlDocument {
     char* own_entities[11];
-    std::size_t area_used;
-    alignas(XmlNode) unsigned char area[kAreaSize];
+    unsigned char* area_at;  // the next free byte of the newest block
+    std::size_t area_left;   // and how many follow it
+    AreaBlock* chained;      // the blocks after the first, newest first
+    alignas(XmlNode) unsigned char area[kFirstArea];
 };
 // Small enough for the allocator's per-thread cache of recently freed blocks.
 static_assert(sizeof(DocumentBlock) <= 1024);
 
-// A block of `size` bytes from the document's area, or from the heap; null
-// when there is no memory.
+// `size` bytes from the document's area; null when there is no memory.
 void* area_alloc(XmlDocument* doc, std::size_t size);
-// Whether `block` lies in the document's area.
-inline bool in_area(XmlDocument* doc, const void* block) {
-    const auto* area = static_cast<DocumentBlock*>(doc)->area;
-    const auto* at = static_cast<const unsigned char*>(block);
-    return at >= area && at < area + kAreaSize;
-}
-// Frees a block from area_alloc unless it lies in the area.
-inline void area_free(XmlDocument* doc, void* block) {
-    if (!in_area(doc, block)) std::free(block);
-}
 
 // A fresh element of `doc` with a borrowed name, no attributes and no text,
 // or null when there is no memory for it.
 XmlNode* new_element(XmlDocument* doc, const char* name);
 
-// An attribute list is one block: the pair slots, the null entry, the pointer
-// to the ownership string, then the ownership string itself, its terminator
-// and a mark that tells a list in a document's area from one on the heap.
-// A list of `pairs` pairs whose slots and ownership bytes the caller fills,
-// or null when there is no memory.
+// An attribute list is one block of the document's area: the pair slots, the
+// null entry, the pointer to the ownership string, then the ownership string
+// itself. A list of `pairs` pairs whose slots and ownership bytes the caller
+// fills, or null when there is no memory.
 char** new_attrs(XmlDocument* doc, std::size_t pairs);
 // A copy of `list` (XML_NIL for none) of `pairs` pairs without pair `drop`
 // (none when out of range) and with `extra` pairs at the end for the caller
 // to fill (their ownership bytes blank); null when there is no memory.
 char** copy_attrs(XmlDocument* doc, char** list, std::size_t pairs, std::size_t drop,
                   std::size_t extra);
-// Releases the block of a list of `pairs` pairs (not the strings it owns).
-void release_attrs(char** list, std::size_t pairs);
 
 // The value of attribute `name`: the node's own, or else the default that
 // `defaults` (the document's attr_defaults) declares for the node's name.

@@ -414,10 +414,7 @@ bool open_element(Parser& p, char* name, char** attrs) {
     if (node->name != nullptr) {
         XmlNode* child = new_element(p.doc, name);
         if (child == nullptr) return false;
-        if (!append_child(p, node, child)) {
-            area_free(p.doc, child);
-            return false;
-        }
+        if (!append_child(p, node, child)) return false;  // the area keeps it
         node = child;
     } else {
         node->name = name;

@@ -1,4 +1,5 @@
 // Building, linking, reading and freeing xmltree documents.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -32,9 +33,6 @@ char*** nil_list() {
     return reinterpret_cast<char***>(XML_NIL);
 }
 
-constexpr char kListInArea = 'd';
-constexpr char kListOnHeap = 'h';
-
 char* ownership(char** list, std::size_t pairs) {
     return reinterpret_cast<char*>(list + 2 * pairs + 2);
 }
@@ -55,12 +53,21 @@ char kEmptyText[] = "";
 void* area_alloc(XmlDocument* doc, std::size_t size) {
     auto* block = static_cast<DocumentBlock*>(doc);
     size = (size + alignof(XmlNode) - 1) & ~(alignof(XmlNode) - 1);
-    // calloc, unlike malloc, bypasses the allocator's per-thread cache, whose
-    // reordering of freed blocks scatters the elements of large trees over
-    // the heap, parse after parse.
-    if (kAreaSize - block->area_used < size) return std::calloc(1, size);
-    void* at = block->area + block->area_used;
-    block->area_used += size;
+    if (block->area_left < size) {
+        // Each block doubles the one before, up to a size the allocator
+        // still takes from its heap.
+        const std::size_t last = block->chained != nullptr ? block->chained->size : kFirstArea;
+        const std::size_t wanted = std::max(size, std::min(2 * last, std::size_t{1} << 16U));
+        auto* more = static_cast<AreaBlock*>(std::malloc(sizeof(AreaBlock) + wanted));
+        if (more == nullptr) return nullptr;
+        *more = AreaBlock{block->chained, wanted};
+        block->chained = more;
+        block->area_at = reinterpret_cast<unsigned char*>(more + 1);
+        block->area_left = wanted;
+    }
+    void* at = block->area_at;
+    block->area_at += size;
+    block->area_left -= size;
     return at;
 }
 
@@ -75,11 +82,10 @@ XmlNode* new_element(XmlDocument* doc, const char* name) {
 }
 
 char** new_attrs(XmlDocument* doc, std::size_t pairs) {
-    auto** list = static_cast<char**>(area_alloc(doc, (2 * pairs + 2) * sizeof(char*) + pairs + 2));
+    auto** list = static_cast<char**>(area_alloc(doc, (2 * pairs + 2) * sizeof(char*) + pairs + 1));
     if (list == nullptr) return nullptr;
     char* owner = ownership(list, pairs);
     owner[pairs] = '\0';
-    owner[pairs + 1] = in_area(doc, list) ? kListInArea : kListOnHeap;
     list[2 * pairs] = nullptr;
     list[2 * pairs + 1] = owner;
     return list;
@@ -100,10 +106,6 @@ char** copy_attrs(XmlDocument* doc, char** list, std::size_t pairs, std::size_t 
     }
     std::memset(owner + kept, ' ', extra);
     return copy;
-}
-
-void release_attrs(char** list, std::size_t pairs) {
-    if (list[2 * pairs + 1][pairs + 1] == kListOnHeap) std::free(static_cast<void*>(list));
 }
 
 }  // namespace xmltree_detail
@@ -134,7 +136,9 @@ XmlDocument* xml_new(const char* name) {
     doc->instructions = nil_list();
     doc->standalone = 0;
     doc->error[0] = '\0';  // the rest of the text is written only with an error
-    block->area_used = 0;
+    block->area_at = block->area;
+    block->area_left = kFirstArea;
+    block->chained = nullptr;
     return doc;
 }
 
@@ -232,7 +236,6 @@ XmlNode* xml_set_attr(XmlNode* node, const char* name, const char* value) {
             if (dup) std::free(const_cast<char*>(value));
             return nullptr;
         }
-        if (list != XML_NIL) release_attrs(list, end / 2);
         longer[l] = const_cast<char*>(name);
         longer[l + 1] = const_cast<char*>(value);
         longer[l + 3][l / 2] = static_cast<char>(dup ? XML_NAME_OWNED | XML_TEXT_OWNED : ' ');
@@ -250,7 +253,6 @@ XmlNode* xml_set_attr(XmlNode* node, const char* name, const char* value) {
         return node;
     }
     if ((byte & XML_NAME_OWNED) != 0) std::free(list[l]);
-    release_attrs(list, end / 2);
     node->attrs = shorter;
     return node;
 }
@@ -314,7 +316,6 @@ void xml_free_attrs(char** attrs) {
         if ((byte & XML_NAME_OWNED) != 0) std::free(attrs[i]);
         if ((byte & XML_TEXT_OWNED) != 0) std::free(attrs[i + 1]);
     }
-    release_attrs(attrs, end / 2);
 }
 
 namespace {
@@ -354,12 +355,12 @@ void free_document_data(XmlDocument* doc) {
     if (doc->utf8_copy != nullptr) std::free(doc->utf8_copy);
 }
 
-void free_one(XmlDocument* doc, XmlNode* node) {
+// The strings and lists of an element (and of the document, for its root).
+void free_contents(XmlDocument* doc, XmlNode* node) {
     if (node == doc) free_document_data(doc);
     xml_free_attrs(node->attrs);
     if ((node->flags & XML_TEXT_OWNED) != 0) std::free(node->text);
     if ((node->flags & XML_NAME_OWNED) != 0) std::free(node->name);
-    area_free(doc, node);
 }
 
 }  // namespace
@@ -368,25 +369,22 @@ void xml_free(XmlNode* node) {
     if (node == nullptr) return;
     XmlDocument* doc = document_of(node);
     XmlNode* const stop = node->parent;
-    // Depth-first without recursion: children are detached as the walk goes
-    // down, so every element is freed once all of its children are.
-    XmlNode* at = node;
-    while (at != nullptr) {
+    // Depth-first without recursion, in document order.
+    for (XmlNode* at = node; at != nullptr;) {
+        free_contents(doc, at);
         if (at->child != nullptr) {
-            XmlNode* child = at->child;
-            at->child = nullptr;
-            at = child;
+            at = at->child;
             continue;
         }
-        XmlNode* following = at->ordered;
-        XmlNode* parent = at->parent;
-        free_one(doc, at);
-        if (following != nullptr) {
-            at = following;
-        } else if (parent != stop) {
-            at = parent;
-        } else {
-            at = nullptr;
-        }
+        while (at != nullptr && at->ordered == nullptr)
+            at = at->parent != stop ? at->parent : nullptr;
+        if (at != nullptr) at = at->ordered;
     }
+    if (node != doc) return;
+    for (AreaBlock* block = static_cast<DocumentBlock*>(doc)->chained; block != nullptr;) {
+        AreaBlock* next = block->next;
+        std::free(block);
+        block = next;
+    }
+    std::free(static_cast<DocumentBlock*>(doc));
 }
