@@ -11,7 +11,7 @@ namespace {
 
 // The slot after XML_NIL's terminator is read as an ownership string by code
 // that walks attribute lists, so it is an empty string, never garbage.
-char nil_ownership[2] = "";
+char nil_ownership[] = "";
 
 // The five predefined entities; every document starts with its own copy of
 // this table. Replacements are character references, decoded in turn.
