@@ -41,19 +41,8 @@ struct RenderBuffer {
     void put(const char* text) { put(text, std::strlen(text)); }
 };
 
-struct EscapeSet {
-    bool member[256];
-};
-
-constexpr EscapeSet make_escape_set(const char* chars) {
-    EscapeSet set{};
-    for (const char* c = chars; *c != '\0'; ++c) set.member[static_cast<unsigned char>(*c)] = true;
-    set.member[0] = true;
-    return set;
-}
-
-// Text mode escapes only the first four; the rest are special in values.
-const char* escape_of(char c) {
+// The escape of a character, or null for one that stands for itself.
+const char* escape_of(char c, bool attribute) {
     switch (c) {
         case '&':
             return "&amp;";
@@ -64,30 +53,26 @@ const char* escape_of(char c) {
         case '\r':
             return "&#xD;";
         case '"':
-            return "&quot;";
+            return attribute ? "&quot;" : nullptr;
         case '\n':
-            return "&#xA;";
+            return attribute ? "&#xA;" : nullptr;
+        case '\t':
+            return attribute ? "&#x9;" : nullptr;
         default:
-            return "&#x9;";
+            return nullptr;
     }
 }
 
 // Appends at most `n` characters of `text` (up to its terminator), escaping
-// those that cannot stand for themselves; plain runs are copied whole.
+// those that cannot stand for themselves.
 void escape_append(RenderBuffer& out, const char* text, std::size_t n, bool attribute) {
-    static constexpr EscapeSet kText = make_escape_set("&<>\r");
-    static constexpr EscapeSet kAttribute = make_escape_set("&<>\r\"\n\t");
-    const EscapeSet& special = attribute ? kAttribute : kText;
-    std::size_t i = 0;
-    while (i < n) {
-        std::size_t run = 0;
-        while (i + run < n && !special.member[static_cast<unsigned char>(text[i + run])]) ++run;
-        if (!out.reserve(run + 10)) return;
-        out.put(text + i, run);
-        i += run;
-        if (i == n || text[i] == '\0') return;
-        out.put(escape_of(text[i]));
-        ++i;
+    for (std::size_t i = 0; i < n && text[i] != '\0' && out.reserve(10); ++i) {
+        if (const char* escape = escape_of(text[i], attribute); escape != nullptr) {
+            out.put(escape);
+        } else {
+            out.data[out.length++] = text[i];
+            out.data[out.length] = '\0';
+        }
     }
 }
 
