@@ -66,14 +66,15 @@ const char* escape_of(char c, bool attribute) {
 // Appends at most `n` characters of `text` (up to its terminator), escaping
 // those that cannot stand for themselves.
 void escape_append(RenderBuffer& out, const char* text, std::size_t n, bool attribute) {
-    for (std::size_t i = 0; i < n && text[i] != '\0' && out.reserve(10); ++i) {
+    for (std::size_t i = 0; i < n && text[i] != '\0'; ++i) {
+        if (out.length + 10 > out.capacity && !out.reserve(10)) return;
         if (const char* escape = escape_of(text[i], attribute); escape != nullptr) {
             out.put(escape);
         } else {
             out.data[out.length++] = text[i];
-            out.data[out.length] = '\0';
         }
     }
+    out.data[out.length] = '\0';
 }
 
 void render_attribute(RenderBuffer& out, const char* name, const char* value) {
