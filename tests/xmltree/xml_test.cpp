@@ -223,7 +223,7 @@ TEST(XmlStructure, OwnershipPathsAndFreeingALaterPart) {
     doc->flags |= XML_DUP;
     xml_set_attr(doc.get(), heap_copy("d"), heap_copy("v"));
     xml_set_attr(doc.get(), "b", "borrowed");
-    EXPECT_STREQ(doc->attrs[9], "\x40  \xC0");  // and both strings of the last
+    EXPECT_STREQ(doc->attrs[9], "\x40  \xC0");  // the added pair owns both strings
     const XmlPathStep second[] = {{"v", 1}}, third[] = {{"v", 2}};
     const XmlPathStep stop[] = {{"s", 0}, {"", 0}, {"c", 0}}, at_s[] = {{"s", -1}, {"c", 0}};
     EXPECT_STREQ(xml_path_get(doc.get(), second)->text, "2");
@@ -253,7 +253,7 @@ TEST(XmlStructure, NullArgumentsDeepTreesAndHostileEntities) {
     std::string input = deep;
     const XmlDocumentPtr doc(xml_parse_string(input.data(), input.size() + 1));
     EXPECT_EQ(tx::HeapText(xml_render(doc.get())).get(), deep);
-    // Expansion stops at a budget: eleven levels of ten references would give 16 GB.
+    // Expansion stops at a budget: eleven levels of ten references would give 1.6 TB.
     std::string bomb = "<!DOCTYPE r [<!ENTITY e0 'xxxxxxxxxxxxxxxx'>";
     for (int i = 1; i < 12; ++i) {
         const std::string ref = "&e" + std::to_string(i - 1) + ";",
