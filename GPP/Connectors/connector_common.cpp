@@ -14,6 +14,10 @@
 #include "osal.hpp"
 #include "xml_messages.hpp"
 
+#ifdef TX_COVERAGE
+extern "C" void __gcov_dump();
+#endif
+
 namespace {
 
 // A connector may write to the core from more than one thread (the CGI
@@ -32,6 +36,9 @@ std::mutex ending;
 // without static destructors keeps them off objects being torn down.
 [[noreturn]] void end_process(int status) {
     std::fflush(nullptr);
+#ifdef TX_COVERAGE
+    __gcov_dump();  // _Exit skips the writer that exit() would run
+#endif
     std::_Exit(status);
 }
 

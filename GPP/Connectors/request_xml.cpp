@@ -77,7 +77,7 @@ int generate_xml_request(const RequestRecord& record, std::span<char> out) {
     }
 
     // A document cut short would be malformed: one that does not fit is not sent.
-    const XmlText rendered(xml_render(root));
+    const tx::HeapText rendered(xml_render(root));
     tx::copy_bounded(out, "");
     if (rendered) {
         const std::size_t len = std::strlen(rendered.get());

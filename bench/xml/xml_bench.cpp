@@ -164,6 +164,42 @@ void BM_xmltree_render(benchmark::State& state) {
     set_label(state, which);
 }
 
+// A flat document of `count` siblings under the root, in two name groups,
+// with whitespace between some of them.
+std::string flat_document(std::size_t count) {
+    std::string text = "<list>";
+    for (std::size_t i = 0; i < count; ++i)
+        text += i % 3 == 0 ? "\n <item k='v'>t</item>" : "<other/>";
+    return text + "\n</list>";
+}
+
+// Parse, render and free of a flat document, each timed on its own: they
+// must stay linear in the number of siblings.
+void BM_xmltree_flat(benchmark::State& state) {
+    const auto count = static_cast<std::size_t>(state.range(0));
+    const int step = static_cast<int>(state.range(1));
+    const std::string text = flat_document(count);
+    std::vector<char> buffer(text.size() + 1);
+    for (auto _ : state) {
+        state.PauseTiming();
+        std::memcpy(buffer.data(), text.c_str(), text.size() + 1);
+        if (step == 0) state.ResumeTiming();
+        XmlDocument* doc = xml_parse_string(buffer.data(), buffer.size());
+        if (step == 0) state.PauseTiming();
+        if (doc->error[0] != '\0') state.SkipWithError(doc->error);
+        if (step == 1) state.ResumeTiming();
+        char* out = xml_render(doc);
+        benchmark::DoNotOptimize(out);
+        if (step == 1) state.PauseTiming();
+        std::free(out);
+        if (step == 2) state.ResumeTiming();
+        xml_free(doc);
+        if (step != 2) state.ResumeTiming();
+    }
+    static const char* steps[] = {"parse", "render", "free"};
+    state.SetLabel(steps[step]);
+}
+
 void BM_xmltree_build_render_request(benchmark::State& state) {
     for (auto _ : state) {
         XmlDocument* doc = xml_new("request");
@@ -188,3 +224,7 @@ BENCHMARK(BM_pugixml_parse_reused)->DenseRange(0, 3);
 BENCHMARK(BM_expat_parse)->DenseRange(0, 3);
 BENCHMARK(BM_xmltree_render)->DenseRange(0, 3);
 BENCHMARK(BM_xmltree_build_render_request);
+BENCHMARK(BM_xmltree_flat)
+    ->ArgsProduct({{10000, 100000}, {0, 1, 2}})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <functional>
 #include <thread>
 
 #include "osal/log_capture.hpp"
@@ -35,6 +36,68 @@ TEST(Log, RecordsAreTheFormattedTextAndANewlineCutAt1022Characters) {
     const std::string kept = log.take();
     EXPECT_EQ(kept.size() % 100, 0u);  // whole records only
     EXPECT_LT(kept.size(), 500000u);
+}
+
+// A wrapper refuses what it cannot use with -1 and, where it says so, one
+// record naming its source and line; none of them ends the process.
+TEST(Smoke, RefusalsAnswerMinusOneAndNameTheirSourceLine) {
+    LogCapture log;
+    OsalNetAddress none{};  // no family
+    OsalNetAddress bad{};   // a family, but not its address length
+    bad.family = OSAL_NET_IPV6;
+    OsalNetAddress other{};  // a family this layer does not know
+    other.family = 9;
+    char text[64];
+    const int fds[1] = {-1};
+    int ready[1];
+    struct Case {
+        const char* source;
+        int line;  // 0: refused without a record
+        std::function<long()> call;
+    };
+    const Case cases[] = {
+        {"osal_file", 45, [] { return osal_file_open(nullptr, 0); }},
+        {"osal_file", 0, [] { return osal_file_open("/tmp/absent/file", OSAL_FILE_CREATE); }},
+        {"osal_file", 96, [] { return osal_file_read(0, nullptr, 1); }},
+        {"osal_file", 111, [] { return osal_file_write(1, nullptr, 1); }},
+        {"osal_file", 143, [] { return osal_file_unmap(nullptr, 1); }},
+        {"osal_file", 0, [] { return osal_random_bytes(nullptr, 1); }},
+        {"osal_queue", 42, [] { return osal_queue_open(nullptr); }},
+        {"osal_queue", 76, [&] { return osal_queue_read(0, text, -1); }},
+        {"osal_queue", 0, [] { return osal_queue_set_nonblocking(-1); }},
+        {"osal_select", 53, [&] { return osal_select_wait_readable(fds, nullptr, 1, 0); }},
+        {"osal_select", 82, [&] { return osal_select_wait_readable(fds, ready, 1, 0); }},
+        {"osal_task", 103, [] { return osal_task_start(nullptr); }},
+        {"osal_task", 108,
+         [] {
+             OsalTask t{};
+             return osal_task_start(&t);
+         }},
+        {"osal_task", 0,
+         [] {
+             OsalTaskControl c{};
+             OsalTask t{.control = &c};
+             return osal_task_stop(&t);
+         }},
+        {"osal_net", 188, [] { return osal_net_socket(7); }},
+        {"osal_net", 102, [&] { return osal_net_address_from_text("::1", &other); }},
+        {"osal_net", 151, [&] { return osal_net_address_to_text(text, &other, sizeof text); }},
+        {"osal_net", 54, [&] { return osal_net_resolve("localhost", &none); }},
+        {"osal_net", 386, [&] { return osal_net_bind(0, &none); }},
+        {"osal_net", 498, [&] { return osal_net_receive_from(0, &none, text, 1); }},
+        {"osal_net", 435, [&] { return osal_net_send_to(0, &none, text, 1); }},
+        {"osal_net", 0, [] { return osal_net_set_option(0, 99, 1); }},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(c.call(), -1) << c.source << " " << c.line;
+        EXPECT_EQ(log.take(), c.line == 0 ? "" : report_prefix(c.source, c.line) + "\n\n")
+            << c.source << " " << c.line;
+    }
+    // The family's own lines: an IPv6 record with an IPv4-sized address.
+    bad.length = 4;
+    EXPECT_EQ(osal_net_send_to(0, &bad, text, 1), -1);
+    EXPECT_EQ(osal_net_address_to_text(text, &bad, sizeof text), -1);
+    EXPECT_NE(log.take(), "");
 }
 
 int stoppable(OsalTaskControl* control) {

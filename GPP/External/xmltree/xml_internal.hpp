@@ -2,6 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
 
 #include "xmltree.hpp"
 
@@ -9,84 +12,99 @@ namespace xmltree_detail {
 
 inline constexpr const char* kWhitespace = "\t\r\n ";
 
-// One slot of the per-document link index. A slot either describes a parent
-// (name == parent_key(): `a` is the last child in document order, `b` the last
-// group head, `a` null once the slot went stale) or one name group under a
-// parent (`a` is the group's last element).
-struct LinkSlot {
-    XmlNode* parent;
-    const char* name;
-    XmlNode* a;
-    XmlNode* b;
-};
-
-struct LinkIndex {
-    LinkSlot* slots;
-    std::size_t capacity;  // power of two, 0 when absent
-    std::size_t used;
-};
-
-// The allocation behind every XmlDocument: the public record followed by
-// state only this module sees. Each document carries its own copy of the
-// predefined entity table inline until a declaration makes it grow.
-inline constexpr std::size_t kPoolNodes = 4;
-inline constexpr std::size_t kListArena = 256;
-
-struct DocumentImpl : XmlDocument {
-    char* inline_entities[11];
-    // The first elements of a document live in its own block: a message-sized
-    // tree then costs a single allocation. Such nodes are released with it.
-    XmlNode pool[kPoolNodes];
-    std::size_t pool_used;
-    // Likewise the first attribute lists (see new_attr_list).
-    alignas(char*) unsigned char list_arena[kListArena];
-    std::size_t arena_used;
-    LinkIndex links;
-    std::size_t expansion_budget;  // bytes that entity expansion may still add
-    std::size_t check_budget;      // steps the circularity check may still take
-};
-
-// Small enough for the allocator's per-thread cache of recently freed blocks.
-static_assert(sizeof(DocumentImpl) <= 1024);
-
-inline DocumentImpl* impl_of(XmlDocument* doc) {
-    return static_cast<DocumentImpl*>(doc);
-}
-
-// The document a node belongs to (every parentless node heads a document).
-inline DocumentImpl* document_of(XmlNode* node) {
-    while (node->parent != nullptr) node = node->parent;
-    return static_cast<DocumentImpl*>(static_cast<XmlDocument*>(node));
-}
-
-// Links `node` under `parent` (see xml_insert) with the document known.
-void link_node(DocumentImpl* doc, XmlNode* node, XmlNode* parent, std::size_t offset);
-// A fresh, zeroed element of `doc` with borrowed name and no text or attributes.
-XmlNode* new_element(DocumentImpl* doc, const char* name);
-
-// An attribute list of `pairs` pairs whose ownership string (all blanks) is
-// kept in the same block, right behind the list's last slot. A mark byte after
-// the string's terminator tells whether the block lies in the document's own
-// arena (never freed by itself) or on the heap.
-char** new_attr_list(DocumentImpl* doc, std::size_t pairs);
-inline constexpr char kListInDocument = 'd';
-inline constexpr char kListOnHeap = 'h';
-
-// Whether `list`, ending with its null entry at `end`, carries its ownership
-// string in its own block.
-inline bool owner_inside(char** list, std::size_t end) {
-    return list[end + 1] == reinterpret_cast<char*>(list + end + 2);
-}
-inline bool list_in_document(char** list, std::size_t end) {
-    return owner_inside(list, end) && list[end + 1][end / 2 + 1] == kListInDocument;
-}
-// Forgets every remembered link position of the document.
-void reset_links(DocumentImpl* doc);
-
-// Growing heap strings keep spare room behind their end so that repeated
-// appends stay linear; the room is whatever the allocator reports.
-char* grow_heap_text(char* text, std::size_t needed);
-
+// The text of elements that have none; never written to or freed.
 extern char kEmptyText[];
+
+// The allocation behind every document: the public record, the document's
+// own copy of the predefined entity table, and the first block of the area
+// from which the document's elements and attribute lists are taken. A
+// message-sized tree fits in that block, so it costs one allocation; larger
+// trees chain more blocks. The area goes with the document: freeing a part of
+// a tree frees the strings it owns.
+inline constexpr std::size_t kFirstArea = 616;
+struct AreaBlock {
+    AreaBlock* next;
+    std::size_t size;  // bytes after this header
+};
+struct DocumentBlock : XmlDocument {
+    char* own_entities[11];
+    unsigned char* area_at;  // the next free byte of the newest block
+    std::size_t area_left;   // and how many follow it
+    AreaBlock* chained;      // the blocks after the first, newest first
+    alignas(XmlNode) unsigned char area[kFirstArea];
+};
+// Small enough for the allocator's per-thread cache of recently freed blocks.
+static_assert(sizeof(DocumentBlock) <= 1024);
+
+// `size` bytes from the document's area; null when there is no memory.
+void* area_alloc(XmlDocument* doc, std::size_t size);
+
+// A fresh element of `doc` with a borrowed name, no attributes and no text,
+// or null when there is no memory for it.
+XmlNode* new_element(XmlDocument* doc, const char* name);
+
+// An attribute list is one block of the document's area: the pair slots, the
+// null entry, the pointer to the ownership string, then the ownership string
+// itself. A list of `pairs` pairs whose slots and ownership bytes the caller
+// fills, or null when there is no memory.
+char** new_attrs(XmlDocument* doc, std::size_t pairs);
+// A copy of `list` (XML_NIL for none) of `pairs` pairs without pair `drop`
+// (none when out of range) and with `extra` pairs at the end for the caller
+// to fill (their ownership bytes blank); null when there is no memory.
+char** copy_attrs(XmlDocument* doc, char** list, std::size_t pairs, std::size_t drop,
+                  std::size_t extra);
+
+// The value of attribute `name`: the node's own, or else the default that
+// `defaults` (the document's attr_defaults) declares for the node's name.
+const char* attr_lookup(const XmlNode* node, const char* name, char*** defaults);
+
+// The root of the tree that `node` belongs to: the document.
+inline XmlDocument* document_of(XmlNode* node) {
+    while (node->parent != nullptr) node = node->parent;
+    return static_cast<XmlDocument*>(node);
+}
+
+// Whether `s` points into the parsed text (and so is never freed by itself).
+inline bool in_work_area(const XmlDocument* doc, const char* s) {
+    return doc->work_start != nullptr && s >= doc->work_start && s <= doc->work_end;
+}
+
+// A stack that keeps its first N entries inline and moves to the heap beyond
+// them; a push reports a failed allocation instead of throwing.
+template <class T, std::size_t N>
+class SmallStack {
+    static_assert(std::is_trivially_copyable_v<T>);
+
+  public:
+    SmallStack() = default;
+    SmallStack(const SmallStack&) = delete;
+    SmallStack& operator=(const SmallStack&) = delete;
+    ~SmallStack() {
+        if (data_ != local_) std::free(data_);
+    }
+
+    bool push(const T& item) {
+        if (size_ == capacity_) {
+            auto* data = static_cast<T*>(std::malloc(2 * capacity_ * sizeof(T)));
+            if (data == nullptr) return false;
+            std::memcpy(static_cast<void*>(data), data_, size_ * sizeof(T));
+            if (data_ != local_) std::free(data_);
+            data_ = data;
+            capacity_ *= 2;
+        }
+        data_[size_++] = item;
+        return true;
+    }
+    void pop() { --size_; }
+    T& back() { return data_[size_ - 1]; }
+    T& operator[](std::size_t i) { return data_[i]; }
+    std::size_t size() const { return size_; }
+
+  private:
+    T local_[N];
+    T* data_ = local_;
+    std::size_t size_ = 0;
+    std::size_t capacity_ = N;
+};
 
 }  // namespace xmltree_detail

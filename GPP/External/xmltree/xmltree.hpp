@@ -2,13 +2,12 @@
 //
 // Parsing works in place: the tree keeps pointers into the caller's buffer,
 // which must outlive the document. Trees built in code borrow the strings they
-// are given unless the node's XML_DUP flag hands them over. The module depends
-// on nothing else in the project.
+// are given unless the node's XML_DUP flag hands them over. Rendered texts are
+// plain heap strings (tx::HeapText owns them).
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <span>
 
@@ -57,7 +56,9 @@ struct XmlPathStep {
 };
 
 // Parsing. The last byte of the buffer is replaced by a terminator and kept as
-// the end character: pass strlen + 1, or a text that ends with '>'.
+// the end character: pass strlen + 1, or a text that ends with '>'. Null when
+// there is no memory for the document; a later allocation that fails ends the
+// parse with the error "out of memory".
 XmlDocument* xml_parse_string(char* buffer, std::size_t len);
 XmlDocument* xml_parse_fd(int fd);
 const char* xml_error_text(const XmlDocument* doc);
@@ -67,28 +68,26 @@ XmlNode* xml_child(XmlNode* node, const char* name);
 const char* xml_attr(XmlNode* node, const char* name);
 XmlNode* xml_path_get(XmlNode* node, std::span<const XmlPathStep> path);
 
-// Building. Names, texts and values are borrowed, not copied.
+// Building. Names, texts and values are borrowed, not copied. When memory
+// runs out, xml_new, xml_add_child and xml_set_attr give null; xml_set_attr
+// then frees the strings handed over and leaves the list as it was.
 XmlDocument* xml_new(const char* name);
 XmlNode* xml_add_child(XmlNode* parent, const char* name, std::size_t offset);
 XmlNode* xml_insert(XmlNode* node, XmlNode* parent, std::size_t offset);
 XmlNode* xml_set_text(XmlNode* node, const char* text);
 XmlNode* xml_set_attr(XmlNode* node, const char* name, const char* value);
 
-// Rendering: a new heap string that the caller releases with free().
+// Rendering: a new heap string that the caller releases with free(), or null
+// when there is no memory.
 char* xml_render(XmlNode* node);
 
-// Freeing: the node, its subtree and its later siblings; the document data too
-// when the walk reaches the root.
+// Freeing: what the node, its subtree and its later siblings own; freeing the
+// root frees the document with all its elements.
 void xml_free(XmlNode* node);
 void xml_free_attrs(char** attrs);
 
-// RAII owners on top of the C-style interface.
+// The RAII owner of a document.
 struct XmlDocumentDeleter {
     void operator()(XmlDocument* doc) const noexcept { xml_free(doc); }
 };
 using XmlDocumentPtr = std::unique_ptr<XmlDocument, XmlDocumentDeleter>;
-
-struct XmlTextDeleter {
-    void operator()(char* text) const noexcept { std::free(text); }
-};
-using XmlText = std::unique_ptr<char, XmlTextDeleter>;
