@@ -1,7 +1,9 @@
 // The message queue channel and the FIFO pair to the core.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/msg.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -109,11 +111,31 @@ TEST(FdPair, EmptyAndOverlongRecordsAreRefused) {
               0u);
 }
 
+// A record that the core's pipe does not take (here: it is full; or the core
+// closed its end) is reported and answered with the failed write's result.
+TEST(FdPair, AWriteThePipeDoesNotTakeIsReportedAndFails) {
+    FdPair pair = fd_pairs[1];
+    ASSERT_EQ(pair.create(&pair), 0);
+    const int core = open(pair.out_path, O_RDONLY | O_NONBLOCK);
+    const int filler = open(pair.out_path, O_WRONLY | O_NONBLOCK);
+    char record[CORE_RECORD_LEN] = "<request/>";
+    while (write(filler, record, sizeof record) > 0 || write(filler, record, 1) > 0) {
+    }
+    testing::internal::CaptureStderr();
+    EXPECT_LT(pair.write(&pair, record, sizeof record), 0);
+    EXPECT_EQ(testing::internal::GetCapturedStderr().rfind(
+                  "Failed to write to fd_pair_out : /tmp/CoreRxCommand1: ", 0),
+              0u);
+    close(filler);
+    close(core);
+}
+
 // Where a FIFO of the pair belongs, a regular file would swallow the records
 // written into it and hand out whatever it holds; nothing there, the open
 // would make one. Either is reported and made a FIFO again.
 TEST(FdPair, PathsThatAreNoFifoAreReportedAndMadeFifosAgain) {
     FdPair pair = fd_pairs[1];
+    pair.destroy(&pair);
     char record[CORE_RECORD_LEN] = "<server_response client_id=\"CLI\" sub_client_id=\"7\">";
     for (const char* path : {pair.in_path, pair.out_path}) std::ofstream(path) << record;
     testing::internal::CaptureStderr();

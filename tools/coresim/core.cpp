@@ -9,6 +9,7 @@
 
 #include "property_map.hpp"
 #include "settings_table.hpp"
+#include "xmltree.hpp"
 
 namespace coresim {
 
@@ -52,123 +53,10 @@ const char* const PLAIN_ACTIONS[] = {
     "rc_clear",
 };
 
-bool is_space(char c) {
-    return c == ' ' || c == '\t' || c == '\n' || c == '\r';
-}
-
-std::string decode_entities(std::string_view text) {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '&') {
-            out += text[i];
-            continue;
-        }
-        const std::size_t semi = text.find(';', i);
-        if (semi == std::string_view::npos || semi - i > 10) {
-            out += text[i];
-            continue;
-        }
-        const std::string_view entity = text.substr(i + 1, semi - i - 1);
-        char c = 0;
-        if (entity == "amp")
-            c = '&';
-        else if (entity == "lt")
-            c = '<';
-        else if (entity == "gt")
-            c = '>';
-        else if (entity == "quot")
-            c = '"';
-        else if (entity == "apos")
-            c = '\'';
-        else if (entity.size() > 1 && entity[0] == '#') {
-            const std::string digits(entity.substr(1));
-            char* end = nullptr;
-            const long code = digits[0] == 'x' ? std::strtol(digits.c_str() + 1, &end, 16)
-                                               : std::strtol(digits.c_str(), &end, 10);
-            if (end != nullptr && *end == '\0' && code > 0 && code < 128)
-                c = static_cast<char>(code);
-        }
-        if (c == 0) {
-            out += text[i];
-            continue;
-        }
-        out += c;
-        i = semi;
-    }
-    return out;
-}
-
-// One start tag: its attributes and where it ends.
-struct Tag {
-    std::vector<std::pair<std::string, std::string>> attrs;
-    bool self_closing = false;
-    std::size_t end = 0;  // index after '>'
-
-    std::string attr(std::string_view name) const {
-        for (const auto& [n, v] : attrs)
-            if (n == name) return v;
-        return {};
-    }
-};
-
-// Reads the start tag named `name` that begins at pos ('<'). False when the
-// tag is malformed or has another name.
-bool read_tag(std::string_view s, std::size_t pos, std::string_view name, Tag& tag) {
-    if (s.substr(pos, 1 + name.size()) != std::string("<") + std::string(name)) return false;
-    std::size_t i = pos + 1 + name.size();
-    if (i >= s.size() || !(is_space(s[i]) || s[i] == '>' || s[i] == '/')) return false;
-    while (i < s.size()) {
-        while (i < s.size() && is_space(s[i])) ++i;
-        if (i >= s.size()) return false;
-        if (s[i] == '>') {
-            tag.end = i + 1;
-            return true;
-        }
-        if (s[i] == '/') {
-            if (i + 1 < s.size() && s[i + 1] == '>') {
-                tag.self_closing = true;
-                tag.end = i + 2;
-                return true;
-            }
-            return false;
-        }
-        const std::size_t name_start = i;
-        while (i < s.size() && s[i] != '=' && !is_space(s[i]) && s[i] != '>' && s[i] != '/') ++i;
-        const std::string attr_name(s.substr(name_start, i - name_start));
-        while (i < s.size() && is_space(s[i])) ++i;
-        if (attr_name.empty() || i >= s.size() || s[i] != '=') return false;
-        ++i;
-        while (i < s.size() && is_space(s[i])) ++i;
-        if (i >= s.size() || (s[i] != '"' && s[i] != '\'')) return false;
-        const char quote = s[i++];
-        const std::size_t close = s.find(quote, i);
-        if (close == std::string_view::npos) return false;
-        tag.attrs.emplace_back(attr_name, decode_entities(s.substr(i, close - i)));
-        i = close + 1;
-    }
-    return false;
-}
-
-// Finds the first element `name` at or after from; text is what precedes its
-// first child or end tag.
-bool find_element(std::string_view s, std::size_t from, std::string_view name, Tag& tag,
-                  std::string& text) {
-    const std::string opener = "<" + std::string(name);
-    for (std::size_t pos = s.find(opener, from); pos != std::string_view::npos;
-         pos = s.find(opener, pos + 1)) {
-        Tag candidate;
-        if (!read_tag(s, pos, name, candidate)) continue;
-        tag = std::move(candidate);
-        text.clear();
-        if (!tag.self_closing) {
-            const std::size_t lt = s.find('<', tag.end);
-            text = decode_entities(
-                s.substr(tag.end, (lt == std::string_view::npos ? s.size() : lt) - tag.end));
-        }
-        return true;
-    }
-    return false;
+// The attribute's value, "" when the element has none.
+std::string attr_of(XmlNode* node, const char* name) {
+    const char* value = xml_attr(node, name);
+    return value != nullptr ? value : "";
 }
 
 bool parse_number(const std::string& text, SettingKind kind, double& out) {
@@ -234,25 +122,27 @@ std::string xml_escape(std::string_view text) {
 
 bool parse_request(std::string_view record, Request& request) {
     record = record.substr(0, record.find('\0'));
-    Tag envelope;
-    std::string text;
-    if (!find_element(record, 0, "client_request", envelope, text)) return false;
-    request.client_id = envelope.attr("client_id");
-    request.sub_client_id = envelope.attr("sub_client_id");
-    request.message_seq = envelope.attr("message_seq");
-    Tag action;
-    if (find_element(record, envelope.end, "action", action, text)) {
-        request.action = text;
-        request.property = action.attr("property");
-        request.target = action.attr("target");
+    const std::size_t start = record.find("<client_request");
+    if (start == std::string_view::npos) return false;
+    // A record cut short still yields its envelope and what came before the cut.
+    std::string text(record.substr(start));
+    text += '\0';
+    const XmlDocumentPtr envelope(xml_parse_string(text.data(), text.size()));
+    if (!envelope || envelope->name == nullptr ||
+        std::string_view(envelope->name) != "client_request")
+        return false;
+    request.client_id = attr_of(envelope.get(), "client_id");
+    request.sub_client_id = attr_of(envelope.get(), "sub_client_id");
+    request.message_seq = attr_of(envelope.get(), "message_seq");
+    XmlNode* body = xml_child(envelope.get(), "request");
+    if (XmlNode* action = xml_child(body, "action")) {
+        request.action = action->text;
+        request.property = attr_of(action, "property");
+        request.target = attr_of(action, "target");
     }
-    std::size_t from = envelope.end;
-    Tag p;
-    while (find_element(record, from, "p", p, text)) {
-        request.params.emplace_back(p.attr("name"), text);
-        from = p.end;
-    }
-    request.complete = record.find("</client_request>", envelope.end) != std::string_view::npos;
+    for (XmlNode* p = xml_child(body, "p"); p != nullptr; p = p->next)
+        request.params.emplace_back(attr_of(p, "name"), p->text);
+    request.complete = record.find("</client_request>", start) != std::string_view::npos;
     return true;
 }
 
