@@ -31,9 +31,9 @@ constexpr SettingRow settings[] = {
     {"audio.voice-pick-up-angle-right", "60", K::integer, -90, 90},
     {"audio.beamformer-angle", "0", K::integer, -90, 90},
     {"audio.ring-tone", "1", K::text, 0, 0},
-    {"audio.eq", "flat", K::text, 0, 0},
-    {"audio.high-pass-filter", "100", K::text, 0, 0},
-    {"audio.low-pass-filter", "7000", K::text, 0, 0},
+    {"audio.eq", "0", K::integer, 0, 3},
+    {"audio.high-pass-filter", "0", K::integer, 0, 500},
+    {"audio.low-pass-filter", "0", K::integer, 0, 24000},
     {"audio.vad-status", "0", K::text, 0, 0},
     {"audio.mic-conn-status", "disconnected", K::text, 0, 0},
     // sys
