@@ -43,6 +43,12 @@ int osal_queue_close(int fd);
 // Add or remove O_NONBLOCK in the descriptor's status flags: 0 or -1.
 int osal_queue_set_nonblocking(int fd);
 int osal_queue_set_blocking(int fd);
+// For a FIFO path on which something else was found (a regular file would
+// swallow what is written into it and be at end-of-file for ever after):
+// reports "<path> is not a FIFO: made a FIFO again" on standard error,
+// removes it and makes a FIFO (0666) there. Returns 0, or -1 when either step
+// fails.
+int osal_queue_remake(const char* path);
 
 // ------------------------------------------------------------------ tasks
 

@@ -64,3 +64,9 @@ int osal_queue_set_nonblocking(int fd) {
 int osal_queue_set_blocking(int fd) {
     return change_status_flags(fd, false);
 }
+
+int osal_queue_remake(const char* path) {
+    std::fprintf(stderr, "%s is not a FIFO: made a FIFO again\n", path);
+    if (std::remove(path) != 0) return -1;
+    return mkfifo(path, 0666);
+}

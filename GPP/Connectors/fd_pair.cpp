@@ -15,6 +15,7 @@
 
 #include "fixed_text.hpp"
 #include "ipc_channel.hpp"
+#include "osal.hpp"
 
 namespace {
 
@@ -41,9 +42,7 @@ bool opened_fifo(int fd, const char* path) {
     struct stat info {};
     if (fstat(fd, &info) == 0 && S_ISFIFO(info.st_mode)) return true;
     close(fd);
-    std::fprintf(stderr, "%s is not a FIFO: made a FIFO again\n", path);
-    (void)std::remove(path);
-    (void)mkfifo(path, 0666);
+    (void)osal_queue_remake(path);
     return false;
 }
 

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "osal.hpp"
+
 namespace coresim {
 
 HeldFifo::~HeldFifo() {
@@ -25,10 +27,10 @@ bool HeldFifo::holds_path() const {
 bool HeldFifo::reopen() {
     struct stat on_path {};
     if (lstat(path_.c_str(), &on_path) == 0 && !S_ISFIFO(on_path.st_mode)) {
-        std::fprintf(stderr, "coresim: %s is not a FIFO; replacing it by one\n", path_.c_str());
-        if (std::remove(path_.c_str()) != 0) return false;
+        if (osal_queue_remake(path_.c_str()) != 0) return false;
+    } else if (mkfifo(path_.c_str(), 0666) != 0 && errno != EEXIST) {
+        return false;
     }
-    if (mkfifo(path_.c_str(), 0666) != 0 && errno != EEXIST) return false;
     const int fd = open(path_.c_str(), O_RDWR | O_NONBLOCK);
     if (fd < 0) return false;
     // Swapped again between the check and the open: the next pass repeats it.
