@@ -101,19 +101,32 @@ void cgi_keep_registered(CgiConnector* connector) {
 }
 
 int cgi_write_inter_comm(std::string_view line) {
-    // A pipe queue never waits for a reader to open; non-blocking, a full
-    // pipe never stalls the worker either.
-    const int fd = osal_queue_open(CGI_INTER_COMM_NAME);
+    // The pipe belongs to its reader, the web side's event fan-out, which
+    // makes it: only an existing pipe of that reader (or of this connector's
+    // own user) gets the record. A symlink planted in /tmp, a regular file or
+    // another user's pipe does not: root would otherwise write over a file,
+    // or hand every notification to whoever made the pipe. Without a reader
+    // the non-blocking open fails and the record is dropped.
+    const std::string path = std::string("/tmp/") + CGI_INTER_COMM_NAME;
+    const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         osal_report(kSource, 500, "\n");
         return -1;
     }
-    osal_queue_set_nonblocking(fd);
+    struct stat st {};
+    struct stat runtime {};
+    if (fstat(fd, &st) != 0 || !S_ISFIFO(st.st_mode) ||
+        !(st.st_uid == geteuid() ||
+          (stat(CGI_RUNTIME_DIR, &runtime) == 0 && runtime.st_uid == st.st_uid))) {
+        close(fd);
+        osal_report(kSource, 500, "\n");
+        return -1;
+    }
     char record[CGI_LINE_LEN] = {};
     tx::copy_bounded(record, line);
-    const long written = osal_queue_write(fd, record, sizeof record);
-    osal_queue_close(fd);
-    return written == static_cast<long>(sizeof record) ? 0 : -1;
+    const ssize_t written = write(fd, record, sizeof record);
+    close(fd);
+    return written == static_cast<ssize_t>(sizeof record) ? 0 : -1;
 }
 
 CgiRoute cgi_worker_step(CgiConnector* connector, std::string_view record) {

@@ -19,6 +19,9 @@ inline constexpr const char* CGI_INTER_COMM_NAME = "CgiInterComm";
 inline constexpr const char* CGI_MARKER_PREFIX = "cgi_rx_";
 inline constexpr const char* CGI_MARKER_SUFFIX = ".txt";
 inline constexpr int CGI_MONITOR_PERIOD_S = 10;
+// The web side's private runtime directory, owned by the web server's user:
+// the owner of /tmp/CgiInterComm must be that user (or this connector's own).
+inline constexpr const char* CGI_RUNTIME_DIR = "/run/tx416";
 
 // Fields that an instance does not name start empty.
 struct CgiConnector {
@@ -57,8 +60,10 @@ int cgi_register_for_notifications(CgiConnector* connector);
 // rendered.
 void cgi_keep_registered(CgiConnector* connector);
 
-// Writes line as one 256-byte NUL-padded record into /tmp/CgiInterComm.
-// Returns 0, or -1 when the pipe cannot be opened or written.
+// Writes line as one 256-byte NUL-padded record into /tmp/CgiInterComm, a
+// pipe that its reader made. Returns 0, or -1 when there is no such pipe with
+// a reader, it is not a pipe of a trusted owner (a symlink is never
+// followed), or it is full.
 int cgi_write_inter_comm(std::string_view line);
 
 // What the worker did with one record from the core.

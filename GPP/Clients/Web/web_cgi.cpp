@@ -1,4 +1,6 @@
-// Forms, JSON and CGI answers, and the command program's exchange with cgiconn.
+// Forms, JSON and CGI answers, the checks every request passes (host,
+// origin, login, anti-CSRF token) and the command program's exchange with
+// cgiconn.
 #include "web_cgi.hpp"
 
 #include <fcntl.h>
@@ -14,6 +16,7 @@
 #include <cstring>
 
 #include "cgi_connector.hpp"
+#include "completion.hpp"
 #include "fixed_text.hpp"
 #include "ipc_channel.hpp"
 #include "matcher_detail.hpp"
@@ -25,8 +28,8 @@ namespace {
 
 constexpr std::size_t kRequestTextLen = 256;
 constexpr std::size_t kDisplayLen = 512;
-constexpr const char* kSlotFile = "/tmp/cgi_slots.lock";
 constexpr const char* kSyntaxError = "command syntax error";
+constexpr std::string_view kFormType = "application/x-www-form-urlencoded";
 
 std::string_view env(const char* name) {
     const char* value = std::getenv(name);
@@ -62,14 +65,26 @@ const char* reason_of(int status) {
     switch (status) {
         case 200:
             return "OK";
+        case 303:
+            return "See Other";
         case 400:
             return "Bad Request";
+        case 401:
+            return "Unauthorized";
+        case 403:
+            return "Forbidden";
         case 405:
             return "Method Not Allowed";
         case 413:
             return "Content Too Large";
         case 414:
             return "URI Too Long";
+        case 415:
+            return "Unsupported Media Type";
+        case 421:
+            return "Misdirected Request";
+        case 429:
+            return "Too Many Requests";
         case 503:
             return "Service Unavailable";
         case 504:
@@ -79,41 +94,15 @@ const char* reason_of(int status) {
     }
 }
 
-// The form of a GET (its query string) or of a POST (its body).
-std::optional<std::string> read_form(Answer* failure) {
-    const std::string_view method = env("REQUEST_METHOD");
-    if (method == "GET") {
-        const std::string_view query = env("QUERY_STRING");
-        if (query.size() <= kMaxFormBytes) return std::string(query);
-        *failure = error_answer(414, "query over 500 bytes");
-        return std::nullopt;
-    }
-    if (method != "POST") {
-        *failure = error_answer(405, "only GET and POST are served");
-        return std::nullopt;
-    }
-    std::string body;
-    if (std::strtoul(env("CONTENT_LENGTH").data(), nullptr, 10) <= kMaxFormBytes) {
-        char chunk[kMaxFormBytes + 1];
-        ssize_t n = 0;
-        while (body.size() <= kMaxFormBytes && (n = read(STDIN_FILENO, chunk, sizeof chunk)) > 0) {
-            body.append(chunk, static_cast<std::size_t>(n));
-        }
-        if (body.size() <= kMaxFormBytes) return body;
-    }
-    *failure = error_answer(413, "body over 500 bytes");
-    return std::nullopt;
-}
-
 // What the matcher and the handlers print when they refuse a line goes to
 // standard output; here it is caught and becomes the error text.
-std::optional<std::string> refusal_of(const std::string& line, RequestRecord* record) {
+std::optional<std::string> refusal_of(const std::string& line, RequestRecord* record, uid_t uid) {
     const int capture = memfd_create("refusal", 0);
     std::fflush(stdout);
     const int saved = dup(STDOUT_FILENO);
     if (capture >= 0) dup2(capture, STDOUT_FILENO);
     const int matched =
-        tx::grammar::command_matcher().match(line.data(), line.size(), record, kOperatorUid);
+        tx::grammar::command_matcher().match(line.data(), line.size(), record, uid);
     std::fflush(stdout);
     dup2(saved, STDOUT_FILENO);
     close(saved);
@@ -124,6 +113,56 @@ std::optional<std::string> refusal_of(const std::string& line, RequestRecord* re
     printed.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
     printed = printed.substr(0, printed.find('\n'));
     return printed.empty() ? kSyntaxError : printed;
+}
+
+// Help as the grammar prints it for uid, caught from standard output.
+std::string help_reply(std::string_view topic_text, uid_t uid) {
+    const int capture = memfd_create("help", 0);
+    if (capture < 0) return {};
+    std::fflush(stdout);
+    const int saved = dup(STDOUT_FILENO);
+    dup2(capture, STDOUT_FILENO);
+    tx::grammar::print_help(command_table, std::string(topic_text).c_str(), uid);
+    std::fflush(stdout);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    std::string printed(1 << 16, '\0');
+    const ssize_t n = pread(capture, printed.data(), printed.size(), 0);
+    close(capture);
+    printed.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
+    while (!printed.empty() && printed.back() == '\n') printed.pop_back();
+    return printed;
+}
+
+// What a line does once matched.
+struct Verdict {
+    std::optional<std::string> refusal;
+    RequestRecord record{};
+    bool help = false;  // a help line: answered here, the device is not asked
+    // Only get rows (and help) read; everything else changes the device.
+    bool reads() const { return help || std::string_view(record.action) == "get"; }
+};
+
+// The line checked as cli checks it for the role's account.
+Verdict judge_line(const std::string& line, Role role) {
+    Verdict verdict;
+    const uid_t uid = grammar_uid(role);
+    if (tx::grammar::classify_builtin(line) == tx::grammar::Builtin::help && uid == 0) {
+        verdict.help = true;
+        return verdict;
+    }
+    verdict.refusal = refusal_of(line, &verdict.record, uid);
+    return verdict;
+}
+
+std::string header_line(std::string_view name, std::string_view value) {
+    return std::string(name) + ": " + std::string(value) + "\r\n";
+}
+
+// The host part of a Host header: "name", "1.2.3.4", "[::1]" less the port.
+std::string_view host_name(std::string_view host) {
+    if (host.starts_with('[')) return host.substr(1, host.find(']') - 1);
+    return host.substr(0, host.find(':'));
 }
 
 void on_alarm(int) {}
@@ -156,10 +195,63 @@ std::optional<std::string> form_field(std::string_view form, std::string_view na
     return std::nullopt;
 }
 
+namespace {
+
+// Length of the UTF-8 sequence at the start of text; 0 when it is not one.
+std::size_t utf8_length(std::string_view text) {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte(0);
+    std::size_t length = 0;
+    char32_t code = 0;
+    if (lead < 0x80) return 1;
+    if (lead >= 0xc2 && lead <= 0xdf) {
+        length = 2;
+        code = lead & 0x1f;
+    } else if (lead >= 0xe0 && lead <= 0xef) {
+        length = 3;
+        code = lead & 0x0f;
+    } else if (lead >= 0xf0 && lead <= 0xf4) {
+        length = 4;
+        code = lead & 0x07;
+    } else {
+        return 0;
+    }
+    if (text.size() < length) return 0;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte(i) & 0xc0) != 0x80) return 0;
+        code = code << 6 | (byte(i) & 0x3f);
+    }
+    // Overlong forms, surrogates and code points above U+10FFFF.
+    const char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
+    if (code < least[length] || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff) return 0;
+    return length;
+}
+
+}  // namespace
+
+bool valid_utf8(std::string_view text) {
+    while (!text.empty()) {
+        const std::size_t length = utf8_length(text);
+        if (length == 0) return false;
+        text.remove_prefix(length);
+    }
+    return true;
+}
+
 std::string json_string(std::string_view text) {
     std::string out = "\"";
-    for (const char c : text) {
-        if (c == '"' || c == '\\') {
+    while (!text.empty()) {
+        const std::size_t length = utf8_length(text);
+        if (length > 1) {
+            out += text.substr(0, length);
+            text.remove_prefix(length);
+            continue;
+        }
+        const char c = text.front();
+        text.remove_prefix(1);
+        if (length == 0) {
+            out += "\\ufffd";
+        } else if (c == '"' || c == '\\') {
             out += '\\';
             out += c;
         } else if (static_cast<unsigned char>(c) < 0x20) {
@@ -174,7 +266,7 @@ std::string json_string(std::string_view text) {
 }
 
 Answer error_answer(int status, std::string_view text) {
-    return Answer{status, "application/json", "{\"error\": " + json_string(text) + "}"};
+    return Answer{status, "application/json", "{\"error\": " + json_string(text) + "}", ""};
 }
 
 bool write_all(int fd, std::string_view text) {
@@ -190,50 +282,225 @@ bool write_all(int fd, std::string_view text) {
 bool write_answer(int fd, const Answer& answer) {
     char head[256];
     std::snprintf(head, sizeof head,
-                  "Status: %d %s\r\nContent-Type: %s\r\nCache-Control: no-store\r\n\r\n",
+                  "Status: %d %s\r\nContent-Type: %s\r\nCache-Control: no-store\r\n",
                   answer.status, reason_of(answer.status), answer.content_type.c_str());
-    return write_all(fd, head) && write_all(fd, answer.body);
+    return write_all(fd, head) && write_all(fd, answer.headers) && write_all(fd, "\r\n") &&
+           write_all(fd, answer.body);
+}
+
+HttpRequest HttpRequest::from_environment() {
+    HttpRequest request;
+    request.method = env("REQUEST_METHOD");
+    request.content_type = env("CONTENT_TYPE");
+    request.host = env("HTTP_HOST");
+    request.origin = env("HTTP_ORIGIN");
+    request.sec_fetch_site = env("HTTP_SEC_FETCH_SITE");
+    request.server_addr = env("SERVER_ADDR");
+    request.remote_addr = env("REMOTE_ADDR");
+    request.cookie = env("HTTP_COOKIE");
+    request.authorization = env("HTTP_AUTHORIZATION");
+    request.csrf_header = env("HTTP_X_CSRF_TOKEN");
+    request.from_browser = !request.origin.empty() || !request.sec_fetch_site.empty() ||
+                           !env("HTTP_SEC_FETCH_MODE").empty() || !env("HTTP_SEC_FETCH_DEST").empty();
+    return request;
+}
+
+std::optional<Answer> check_host(const HttpRequest& request) {
+    const std::string_view name = host_name(request.host);
+    if (!name.empty() && name == request.server_addr) return std::nullopt;
+    std::string_view names = env("TX_WEB_HOSTS");
+    while (!names.empty() && !name.empty()) {
+        const std::string_view configured = names.substr(0, names.find(' '));
+        names.remove_prefix(std::min(names.size(), configured.size() + 1));
+        if (configured == name) return std::nullopt;
+    }
+    return error_answer(421, "this device does not serve the host name " + request.host);
+}
+
+std::optional<Answer> check_origin(const HttpRequest& request) {
+    if (!request.origin.empty() && request.origin != "https://" + request.host) {
+        return error_answer(403, "request from another site (Origin " + request.origin + ")");
+    }
+    if (!request.sec_fetch_site.empty() && request.sec_fetch_site != "same-origin" &&
+        request.sec_fetch_site != "none") {
+        return error_answer(403, "request from another site (Sec-Fetch-Site " +
+                                     request.sec_fetch_site + ")");
+    }
+    return std::nullopt;
+}
+
+std::optional<Answer> authenticate(const HttpRequest& request, Caller* caller) {
+    Accounts accounts;
+    std::string error;
+    if (!accounts.load(Accounts::default_path(), &error)) return error_answer(503, error);
+    if (const auto token = cookie_value(request.cookie, kSessionCookie)) {
+        const std::optional<Session> session = find_session(*token);
+        const Account* account = session ? accounts.find(session->user) : nullptr;
+        // A new password, or an account removed, ends its sessions.
+        if (account != nullptr && hash_salt(account->hash) == session->salt) {
+            *caller = {account->name, account->role, session->csrf, std::string(*token)};
+            return std::nullopt;
+        }
+    }
+    Answer refused = error_answer(401, "log in first");
+    // Only a script is asked for credentials: a browser goes to the login
+    // page, instead of a dialog of its own.
+    if (!request.from_browser) refused.headers = header_line("WWW-Authenticate", "Basic realm=\"TX-416\", charset=\"UTF-8\"");
+    if (!request.authorization.starts_with("Basic ")) return refused;
+    const std::optional<std::string> pair = base64_decode(request.authorization.substr(6));
+    const std::size_t colon = pair ? pair->find(':') : std::string::npos;
+    if (colon == std::string::npos) return refused;
+    const std::string user = pair->substr(0, colon);
+    LoginThrottle throttle(request.remote_addr);
+    if (const long wait = throttle.wait_seconds(); wait > 0) {
+        Answer slowed = error_answer(429, "too many failed logins from this address: try again in " +
+                                              std::to_string(wait) + " s");
+        slowed.headers = header_line("Retry-After", std::to_string(wait));
+        return slowed;
+    }
+    const Account* account = accounts.find(user);
+    if (account == nullptr || !password_matches(pair->substr(colon + 1), account->hash)) {
+        throttle.failed();
+        audit(AuditKind::login, true,
+              "failed login as " + json_string(user) + " from " + request.remote_addr);
+        return refused;
+    }
+    throttle.succeeded();
+    *caller = {account->name, account->role, "", ""};
+    return std::nullopt;
+}
+
+std::optional<Answer> check_post(const HttpRequest& request, const Caller& caller,
+                                 std::string_view form) {
+    const std::string_view type = std::string_view(request.content_type).substr(
+        0, request.content_type.find(';'));
+    if (type != kFormType) {
+        return error_answer(415, "a POST takes a form (application/x-www-form-urlencoded)");
+    }
+    if (!request.from_browser && caller.session.empty()) return std::nullopt;
+    const std::string token = request.csrf_header.empty()
+                                  ? form_field(form, "csrf").value_or("")
+                                  : request.csrf_header;
+    if (caller.csrf.empty() || !same_secret(token, caller.csrf)) {
+        return error_answer(403, "the page's token is missing or wrong: reload the page");
+    }
+    return std::nullopt;
+}
+
+std::optional<std::string> read_form(const HttpRequest& request, Answer* failure) {
+    if (request.method == "GET") {
+        const std::string_view query = env("QUERY_STRING");
+        if (query.size() <= kMaxFormBytes) return std::string(query);
+        *failure = error_answer(414, "query over 500 bytes");
+        return std::nullopt;
+    }
+    if (request.method != "POST") {
+        *failure = error_answer(405, "only GET and POST are served");
+        failure->headers = header_line("Allow", "GET, POST");
+        return std::nullopt;
+    }
+    std::string body;
+    if (std::strtoul(env("CONTENT_LENGTH").data(), nullptr, 10) <= kMaxFormBytes) {
+        char chunk[kMaxFormBytes + 1];
+        ssize_t n = 0;
+        while (body.size() <= kMaxFormBytes && (n = read(STDIN_FILENO, chunk, sizeof chunk)) > 0) {
+            body.append(chunk, static_cast<std::size_t>(n));
+        }
+        if (body.size() <= kMaxFormBytes) return body;
+    }
+    *failure = error_answer(413, "body over 500 bytes");
+    return std::nullopt;
 }
 
 CommandRequest::~CommandRequest() {
     if (slot_fd_ >= 0) close(slot_fd_);
 }
 
-std::optional<Answer> CommandRequest::read_line(std::string* line) const {
-    Answer failure;
-    const std::optional<std::string> form = read_form(&failure);
-    if (!form) return failure;
-    const std::optional<std::string> value = form_field(*form, "cmd");
+std::optional<Answer> CommandRequest::read_line(const HttpRequest& http, std::string_view form,
+                                                std::string* line) const {
+    (void)http;
+    const std::optional<std::string> value = form_field(form, "cmd");
     if (!value) return error_answer(400, "form without a well-formed field cmd");
     *line = *value;
     if (line->size() > kMaxLineBytes) return error_answer(400, "line over 126 characters");
+    if (!valid_utf8(*line)) return error_answer(400, "the line is not UTF-8 text");
     for (const char c : *line) {
         // cli's editor hands over no control characters, and a newline would
         // let one line match as two.
         if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f)
-            return error_answer(400, kSyntaxError);
+            return error_answer(400, "the line holds a control character");
     }
     return std::nullopt;
 }
 
 Answer CommandRequest::serve() {
+    const HttpRequest http = HttpRequest::from_environment();
+    Caller caller;
+    if (std::optional<Answer> refused = check_host(http)) return *refused;
+    if (std::optional<Answer> refused = check_origin(http)) return *refused;
+    if (std::optional<Answer> refused = authenticate(http, &caller)) return *refused;
+    Answer failure;
+    const std::optional<std::string> form = read_form(http, &failure);
+    if (!form) return failure;
+    if (http.method == "POST") {
+        if (std::optional<Answer> refused = check_post(http, caller, *form)) return *refused;
+    }
     std::string line;
-    if (std::optional<Answer> refused = read_line(&line)) return *refused;
-    RequestRecord record{};
+    if (std::optional<Answer> refused = read_line(http, *form, &line)) return *refused;
+    Answer answer = run_line(http, caller, line);
+    return answer;
+}
+
+Answer CommandRequest::run_line(const HttpRequest& http, const Caller& caller,
+                                const std::string& line) {
     if (line.size() < 2) return error_answer(400, kSyntaxError);
-    if (std::optional<std::string> refusal = refusal_of(line, &record)) {
-        return error_answer(400, *refusal);
+    Verdict verdict = judge_line(line, caller.role);
+    if (verdict.help) {
+        const std::string_view topic =
+            std::string_view(line).substr(tx::grammar::builtin_name(tx::grammar::Builtin::help).size());
+        return Answer{200, "application/json",
+                      "{\"line\": " + json_string(line) +
+                          ", \"reply\": " + json_string(help_reply(topic, 0)) + "}",
+                      ""};
+    }
+    if (verdict.refusal) return error_answer(400, *verdict.refusal);
+    const bool acts = !verdict.reads();
+    if (acts && http.method != "POST") {
+        Answer refused = error_answer(405, "a line that changes the device needs a POST");
+        refused.headers = header_line("Allow", "POST");
+        return refused;
+    }
+    if (acts && caller.role == Role::viewer) {
+        return error_answer(403, "the viewer account only reads (get)");
     }
     char request[kRequestTextLen] = {};
-    generate_xml_request(record, request);
+    generate_xml_request(verdict.record, request);
     if (request[0] == '\0') return error_answer(400, "the request does not fit in 255 characters");
-    return exchange(line, request);
+    // The connector drops every answer that holds this word: the line would
+    // only time out.
+    if (std::strstr(request, "client_register_notify") != nullptr) {
+        return error_answer(400, "client_register_notify is the connector's own: not from the web");
+    }
+    Answer answer = exchange(line, request);
+    if (acts) {
+        const std::size_t reply_at = answer.body.find("\"reply\": ");
+        const std::string outcome =
+            reply_at != std::string::npos
+                ? answer.body.substr(reply_at + 9, answer.body.size() - reply_at - 10)
+                : std::to_string(answer.status) + " " + answer.body;
+        audit(AuditKind::change, answer.status != 200,
+              caller.user + " from " + http.remote_addr + ": " + json_string(line) + " -> " +
+                  outcome);
+    }
+    return answer;
 }
 
 bool CommandRequest::take_slot() {
-    slot_fd_ = open(kSlotFile, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (slot_fd_ < 0) return false;
-    fchmod(slot_fd_, 0666);  // whoever comes first, every web server user may lock
+    const std::optional<std::string> dir = runtime_subdir("slots");
+    if (!dir) return false;
+    slot_fd_ = open((*dir + "/lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    struct stat st {};
+    if (slot_fd_ < 0 || fstat(slot_fd_, &st) != 0 || !S_ISREG(st.st_mode)) return false;
     for (int waited_ms = 0; waited_ms < kReplyWaitMs; waited_ms += 5) {
         for (int slot = 0; slot < kRequestSlots; ++slot) {
             struct flock lock {};
@@ -258,8 +525,9 @@ Answer CommandRequest::exchange(const std::string& line, const char* request) {
     if (channel->open(channel, 'u') < 0) {
         return error_answer(503, "the CGI connector cgiconn is not running");
     }
-    marker_ = std::string("/tmp/") + CGI_MARKER_PREFIX + std::to_string(pid) + CGI_MARKER_SUFFIX;
-    close(open(marker_.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644));
+    if (!make_marker(pid)) {
+        return error_answer(503, "the marker " + marker_ + " is taken by another user");
+    }
     if (channel->send(channel, request, pid, 0) == 0) {
         std::remove(marker_.c_str());
         return error_answer(503, "the CGI connector's queue is full");
@@ -273,7 +541,28 @@ Answer CommandRequest::exchange(const std::string& line, const char* request) {
     char shown[kDisplayLen] = {};
     format_message(tx::field_view(reply.text), shown);
     return Answer{200, "application/json",
-                  "{\"line\": " + json_string(line) + ", \"reply\": " + json_string(shown) + "}"};
+                  "{\"line\": " + json_string(line) + ", \"reply\": " + json_string(shown) + "}", ""};
+}
+
+bool CommandRequest::make_marker(long pid) {
+    marker_ = std::string("/tmp/") + CGI_MARKER_PREFIX + std::to_string(pid) + CGI_MARKER_SUFFIX;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        // A new file of this process's own, never whatever a symlink points at.
+        const int fd =
+            open(marker_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            close(fd);
+            return true;
+        }
+        // One left by an earlier process of the same id and user goes.
+        struct stat st {};
+        if (errno != EEXIST || lstat(marker_.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+            st.st_uid != geteuid() || unlink(marker_.c_str()) != 0) {
+            break;
+        }
+    }
+    marker_.clear();
+    return false;
 }
 
 void CommandRequest::finish() {

@@ -1,7 +1,9 @@
 // The web client: the CGI programs that the device's web server runs for the
 // settings page. `command` sends one command line through cgiconn and answers
 // JSON; `events` streams the notifications that cgiconn writes to
-// /tmp/CgiInterComm as Server-Sent Events.
+// /tmp/CgiInterComm (through the fan-out `cgievents`) as Server-Sent Events;
+// `page` serves the page itself, the login, the logout and the password
+// change. Every one of them serves only a logged-in caller.
 #pragma once
 
 #include <sys/types.h>
@@ -11,9 +13,11 @@
 #include <string>
 #include <string_view>
 
+#include "web_auth.hpp"
+
 namespace tx::web {
 
-// Web requests follow the rules of the device's operator account.
+// The grammar's account of the operator role, and what the page offers.
 inline constexpr uid_t kOperatorUid = 1001;
 // Longest form accepted, in a query string or a request body.
 inline constexpr std::size_t kMaxFormBytes = 500;
@@ -35,13 +39,16 @@ inline constexpr int kRequestSlots = 16;
 // encoding is broken.
 std::optional<std::string> form_field(std::string_view form, std::string_view name);
 
-// text as a JSON string literal, quotes included.
+// text as a JSON string literal, quotes included; a byte that is not part
+// of UTF-8 becomes U+FFFD, so that the JSON is always valid.
 std::string json_string(std::string_view text);
+bool valid_utf8(std::string_view text);
 
 struct Answer {
     int status = 200;
     std::string content_type = "application/json";
     std::string body;
+    std::string headers;  // more header lines, each ending in "\r\n"
 };
 
 // An answer whose JSON body is {"error": text}.
@@ -51,6 +58,48 @@ Answer error_answer(int status, std::string_view text);
 bool write_all(int fd, std::string_view text);
 // Writes a CGI answer (status and headers, then the body) to fd.
 bool write_answer(int fd, const Answer& answer);
+
+// The request as the web server hands it to a CGI program.
+struct HttpRequest {
+    std::string method;
+    std::string content_type;
+    std::string host;
+    std::string origin;
+    std::string sec_fetch_site;
+    std::string server_addr;
+    std::string remote_addr;
+    std::string cookie;
+    std::string authorization;
+    std::string csrf_header;  // X-CSRF-Token
+    // A browser sends Origin or Sec-Fetch-* headers; a script sends neither.
+    bool from_browser = false;
+
+    static HttpRequest from_environment();
+};
+
+// Who is asking, as authenticated: the role comes from the accounts file.
+struct Caller {
+    std::string user;
+    Role role = Role::viewer;
+    std::string csrf;      // the session's token; empty with HTTP Basic
+    std::string session;   // the session cookie's token; empty with HTTP Basic
+};
+
+// 421 unless Host names this device: a configured name (TX_WEB_HOSTS) or
+// the address the request came in on.
+std::optional<Answer> check_host(const HttpRequest& request);
+// 403 when Origin or Sec-Fetch-Site tell of another site.
+std::optional<Answer> check_origin(const HttpRequest& request);
+// A session cookie, or HTTP Basic credentials (failures slowed down per
+// address and logged). 401 (or 429 while slowed down) otherwise.
+std::optional<Answer> authenticate(const HttpRequest& request, Caller* caller);
+// What every POST needs: a form content type, and for a browser the
+// session's anti-CSRF token (form field csrf or header X-CSRF-Token).
+std::optional<Answer> check_post(const HttpRequest& request, const Caller& caller,
+                                 std::string_view form);
+// The form of a GET (its query string) or of a POST (its body), at most
+// 500 bytes.
+std::optional<std::string> read_form(const HttpRequest& request, Answer* failure);
 
 // One run of the command program.
 class CommandRequest {
@@ -69,9 +118,12 @@ class CommandRequest {
     void finish();
 
   private:
-    std::optional<Answer> read_line(std::string* line) const;
+    std::optional<Answer> read_line(const HttpRequest& http, std::string_view form,
+                                    std::string* line) const;
+    Answer run_line(const HttpRequest& http, const Caller& caller, const std::string& line);
     Answer exchange(const std::string& line, const char* request);
     bool take_slot();
+    bool make_marker(long pid);
 
     int slot_fd_ = -1;
     std::string marker_;
@@ -80,5 +132,14 @@ class CommandRequest {
 
 // One run of the event program: streams until the web server goes away.
 int stream_events(int http_fd);
+
+// The event fan-out beside cgiconn: reads /tmp/CgiInterComm and passes every
+// record on to every stream's pipe in the runtime directory, without ever
+// waiting for one. Returns only on a fatal error.
+int fan_out_events();
+
+// One run of the page program: the page, the login, the logout and the
+// password change, by the path it was called for.
+Answer serve_site();
 
 }  // namespace tx::web

@@ -1,19 +1,21 @@
 // The event stream. cgiconn writes each notification as one 256-byte record
 // into the pipe /tmp/CgiInterComm, and a pipe hands each record to one reader
-// only. So one stream at a time, the holder of a lock, reads the pipe and
-// passes every record on to the pipes of the other streams
-// (/tmp/cgi_ev_<pid>.fifo), which read only their own: every open page sees
-// every notification, in order.
+// only. So one long-lived process, the fan-out (`cgievents`), is that
+// reader: it passes every record on to the pipe of every stream in the
+// runtime directory (<runtime>/streams/<pid>), and never waits for one. A
+// stream whose pipe is full (its browser stopped reading) is dropped: its
+// pipe is removed, and its program ends. No page leads the others, so a page
+// that closes or stalls takes nothing from the rest.
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -25,13 +27,9 @@ namespace tx::web {
 
 namespace {
 
-constexpr const char* kTmpDir = "/tmp";
-constexpr const char* kLockFile = "/tmp/cgi_events.lock";
-constexpr std::string_view kStreamPrefix = "cgi_ev_";
-constexpr std::string_view kStreamSuffix = ".fifo";
-// A follower checks this often whether it must take over the reading.
-constexpr int kPollMs = 1000;
 constexpr int kHeartbeatMs = 15000;
+constexpr int kRetryMs = 1000;
+constexpr const char* kInterCommPath = "/tmp/CgiInterComm";
 
 volatile std::sig_atomic_t stop_requested = 0;
 void on_stop(int) {
@@ -42,47 +40,45 @@ struct DirCloser {
     void operator()(DIR* dir) const noexcept { closedir(dir); }
 };
 
-std::string stream_path(long pid) {
-    return std::string(kTmpDir) + "/" + std::string(kStreamPrefix) + std::to_string(pid) +
-           std::string(kStreamSuffix);
+// An open pipe that is what it should be: a FIFO of this process's user.
+bool own_fifo(int fd) {
+    struct stat st {};
+    return fd >= 0 && fstat(fd, &st) == 0 && S_ISFIFO(st.st_mode) && st.st_uid == geteuid();
 }
 
-// Opened read-write, so that the pipe never reports end-of-file between
-// writers; non-blocking, so that a record is read whole or not at all.
-int open_pipe(const std::string& path) {
-    mkfifo(path.c_str(), 0666);
-    chmod(path.c_str(), 0666);
-    return open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
-}
-
-// This stream's own pipe, made under a passing name and renamed when open:
-// a leader never finds it without a reader and takes it for a dead one.
-int open_own_pipe(const std::string& path) {
-    const std::string passing = path + ".new";
-    const int fd = open_pipe(passing);
-    if (fd >= 0 && rename(passing.c_str(), path.c_str()) != 0) {
-        close(fd);
+// /tmp/CgiInterComm, made by this process when missing (mode 0600: only
+// cgiconn, as root, writes to it besides its owner). A symlink, a file or
+// another user's pipe there is refused: another user's pipe could carry
+// forged notifications.
+int open_inter_comm() {
+    if (mkfifo(kInterCommPath, 0600) != 0 && errno != EEXIST) return -1;
+    // Read-write: the pipe never reports end-of-file between cgiconn's writes.
+    const int fd = open(kInterCommPath, O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+    if (!own_fifo(fd)) {
+        if (fd >= 0) close(fd);
         return -1;
     }
+    fchmod(fd, 0600);
     return fd;
 }
 
-// Passes one record on to every other stream; the pipes of streams that are
-// gone (no reader any more) are removed. A full pipe loses the record.
-void pass_on(const char* record, const std::string& own) {
-    std::unique_ptr<DIR, DirCloser> dir(opendir(kTmpDir));
-    if (!dir) return;
-    while (const dirent* entry = readdir(dir.get())) {
-        const std::string_view name = entry->d_name;
-        if (!name.starts_with(kStreamPrefix) || !name.ends_with(kStreamSuffix)) continue;
-        const std::string path = std::string(kTmpDir) + "/" + std::string(name);
-        if (path == own) continue;
-        const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+// Passes one record on to every stream. A stream without a reader is gone;
+// one whose pipe is full is dropped. Either way its pipe goes.
+void pass_on(const std::string& dir, const char* record) {
+    std::unique_ptr<DIR, DirCloser> listing(opendir(dir.c_str()));
+    if (!listing) return;
+    while (const dirent* entry = readdir(listing.get())) {
+        if (entry->d_name[0] == '.') continue;
+        const std::string path = dir + "/" + entry->d_name;
+        const int fd = open(path.c_str(), O_WRONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
         if (fd < 0) {
             if (errno == ENXIO) unlink(path.c_str());
             continue;
         }
-        (void)!write(fd, record, CGI_LINE_LEN);
+        if (own_fifo(fd) && write(fd, record, CGI_LINE_LEN) != static_cast<ssize_t>(CGI_LINE_LEN)) {
+            std::fprintf(stderr, "cgievents: stream %s stopped reading: dropped\n", entry->d_name);
+            unlink(path.c_str());
+        }
         close(fd);
     }
 }
@@ -96,69 +92,52 @@ bool send_event(int http_fd, const char* record) {
     return write_all(http_fd, "data: " + text + "\n\n");
 }
 
-long now_ms() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return now.tv_sec * 1000 + now.tv_nsec / 1000000;
-}
-
 class Stream {
   public:
-    explicit Stream(int http_fd) : http_fd_(http_fd), own_path_(stream_path(getpid())) {}
+    explicit Stream(int http_fd) : http_fd_(http_fd) {}
     ~Stream() {
-        for (const int fd : {own_fd_, shared_fd_, lock_fd_}) {
-            if (fd >= 0) close(fd);
-        }
-        unlink(own_path_.c_str());
+        if (fd_ >= 0) close(fd_);
+        if (!path_.empty()) unlink(path_.c_str());
     }
     Stream(const Stream&) = delete;
     Stream& operator=(const Stream&) = delete;
 
-    bool open_pipes() {
-        own_fd_ = open_own_pipe(own_path_);
-        lock_fd_ = open(kLockFile, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-        if (lock_fd_ >= 0) fchmod(lock_fd_, 0666);
-        return own_fd_ >= 0 && lock_fd_ >= 0;
+    // This stream's pipe, made new (a leftover of an earlier process of the
+    // same id is replaced), in the private runtime directory.
+    bool open_pipe() {
+        const std::optional<std::string> dir = runtime_subdir("streams");
+        if (!dir) return false;
+        path_ = *dir + "/" + std::to_string(getpid());
+        unlink(path_.c_str());
+        if (mkfifo(path_.c_str(), 0600) != 0) return false;
+        fd_ = open(path_.c_str(), O_RDWR | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+        return own_fifo(fd_);
     }
 
-    // Until the web server goes away: a failed write, or its signal.
+    // Until the web server goes away (a failed write, or its signal), or the
+    // fan-out dropped this stream.
     void run() {
-        long last_write = now_ms();
         while (stop_requested == 0) {
-            lead_if_free();
-            pollfd fds[2] = {{own_fd_, POLLIN, 0}, {shared_fd_, POLLIN, 0}};
-            const int ready = poll(fds, shared_fd_ >= 0 ? 2 : 1, kPollMs);
-            if (ready > 0 && !(relay(own_fd_, false) && relay(shared_fd_, true))) return;
-            if (ready > 0) last_write = now_ms();
-            if (now_ms() - last_write >= kHeartbeatMs) {
-                if (!write_all(http_fd_, ": heartbeat\n\n")) return;
-                last_write = now_ms();
+            pollfd fds{fd_, POLLIN, 0};
+            const int ready = poll(&fds, 1, kHeartbeatMs);
+            if (ready > 0) {
+                char record[CGI_LINE_LEN];
+                while (read(fd_, record, sizeof record) == static_cast<ssize_t>(sizeof record)) {
+                    if (!send_event(http_fd_, record)) return;
+                }
+            } else if (ready == 0 && !write_all(http_fd_, ": heartbeat\n\n")) {
+                return;
             }
+            struct stat st {};
+            // Dropped: the page reconnects and reads every value again.
+            if (fstat(fd_, &st) != 0 || st.st_nlink == 0) return;
         }
     }
 
   private:
-    void lead_if_free() {
-        if (shared_fd_ >= 0 || flock(lock_fd_, LOCK_EX | LOCK_NB) != 0) return;
-        shared_fd_ = open_pipe(std::string(kTmpDir) + "/" + CGI_INTER_COMM_NAME);
-    }
-
-    // Sends every whole record waiting on fd; the shared pipe's go to the
-    // other streams too.
-    bool relay(int fd, bool shared) {
-        char record[CGI_LINE_LEN];
-        while (fd >= 0 && read(fd, record, sizeof record) == static_cast<ssize_t>(sizeof record)) {
-            if (shared) pass_on(record, own_path_);
-            if (!send_event(http_fd_, record)) return false;
-        }
-        return true;
-    }
-
     int http_fd_;
-    std::string own_path_;
-    int own_fd_ = -1;
-    int shared_fd_ = -1;
-    int lock_fd_ = -1;
+    std::string path_;
+    int fd_ = -1;
 };
 
 }  // namespace
@@ -169,18 +148,62 @@ int stream_events(int http_fd) {
     for (const int signo : {SIGTERM, SIGINT, SIGHUP}) sigaction(signo, &action, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
 
+    const HttpRequest http = HttpRequest::from_environment();
+    Caller caller;
+    std::optional<Answer> refused = check_host(http);
+    if (!refused) refused = check_origin(http);
+    if (!refused) refused = authenticate(http, &caller);
+    if (!refused && http.method != "GET") refused = error_answer(405, "the event stream is a GET");
+    if (refused) {
+        write_answer(http_fd, *refused);
+        return 1;
+    }
     Stream stream(http_fd);
-    if (!stream.open_pipes()) {
-        write_answer(http_fd, error_answer(503, "cannot open the notification pipes in /tmp"));
+    if (!stream.open_pipe()) {
+        write_answer(http_fd, error_answer(503, "the runtime directory /run/tx416 is not usable"));
         return 1;
     }
     if (!write_all(http_fd,
                    "Status: 200 OK\r\nContent-Type: text/event-stream\r\n"
-                   "Cache-Control: no-store\r\n\r\n: connected\n\n")) {
+                   "Cache-Control: no-store\r\n\r\nretry: 1000\n: connected\n\n")) {
         return 1;
     }
     stream.run();
     return 0;
+}
+
+int fan_out_events() {
+    std::signal(SIGPIPE, SIG_IGN);
+    const std::optional<std::string> dir = runtime_subdir("streams");
+    if (!dir) {
+        std::fprintf(stderr,
+                     "cgievents: %s must be a directory of this user (%ld) that no one else may "
+                     "enter\n",
+                     kRuntimeDir, static_cast<long>(geteuid()));
+        return 1;
+    }
+    int fd = -1;
+    bool told = false;
+    for (;;) {
+        if (fd < 0 && (fd = open_inter_comm()) < 0) {
+            if (!told) {
+                std::fprintf(stderr,
+                             "cgievents: %s is not a pipe of this user: no notifications until "
+                             "it is removed\n",
+                             kInterCommPath);
+                told = true;
+            }
+            poll(nullptr, 0, kRetryMs);
+            continue;
+        }
+        told = false;
+        pollfd fds{fd, POLLIN, 0};
+        if (poll(&fds, 1, kRetryMs) <= 0) continue;
+        char record[CGI_LINE_LEN];
+        while (read(fd, record, sizeof record) == static_cast<ssize_t>(sizeof record)) {
+            pass_on(*dir, record);
+        }
+    }
 }
 
 }  // namespace tx::web

@@ -1,0 +1,127 @@
+// tx416-webuser: manages the accounts of the settings page.
+//
+//   tx416-webuser [--accounts FILE] init
+//   tx416-webuser [--accounts FILE] add NAME ROLE [--password-stdin]
+//   tx416-webuser [--accounts FILE] passwd NAME [--password-stdin]
+//   tx416-webuser [--accounts FILE] role NAME ROLE
+//   tx416-webuser [--accounts FILE] remove NAME
+//   tx416-webuser [--accounts FILE] list
+//
+// ROLE is admin, operator or viewer. A new password is random and printed
+// once as "NAME password: PASSWORD", unless --password-stdin reads it from
+// the first line of standard input. `init` makes the first account, admin,
+// when the file does not exist yet, and does nothing otherwise. The file is
+// written with mode 0600 and the owner of its directory (the web server's
+// user); passwords are kept only as SHA-512 crypt hashes.
+#include <sys/stat.h>
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "web_auth.hpp"
+
+namespace {
+
+using tx::web::Account;
+using tx::web::Accounts;
+
+int usage() {
+    std::cerr << "usage: tx416-webuser [--accounts FILE] init | add NAME ROLE [--password-stdin] |\n"
+                 "       passwd NAME [--password-stdin] | role NAME ROLE | remove NAME | list\n"
+                 "ROLE: admin, operator or viewer\n";
+    return 2;
+}
+
+int fail(const std::string& text) {
+    std::cerr << "tx416-webuser: " << text << '\n';
+    return 1;
+}
+
+// The new password: random and printed, or the first line of standard input.
+bool new_password(const std::string& name, bool from_stdin, std::string* password) {
+    if (from_stdin) {
+        std::getline(std::cin, *password);
+        if (!password->empty() && password->back() == '\r') password->pop_back();
+        return tx::web::valid_password(*password);
+    }
+    *password = tx::web::random_password();
+    if (password->empty()) return false;
+    std::cout << name << " password: " << *password << std::endl;
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::vector<std::string> args(argv + 1, argv + argc);
+    std::string path = Accounts::default_path();
+    if (args.size() >= 2 && args[0] == "--accounts") {
+        path = args[1];
+        args.erase(args.begin(), args.begin() + 2);
+    }
+    bool from_stdin = false;
+    if (!args.empty() && args.back() == "--password-stdin") {
+        from_stdin = true;
+        args.pop_back();
+    }
+    if (args.empty()) return usage();
+    const std::string& command = args[0];
+
+    const tx::web::AccountsLock lock(path);
+    if (!lock.held()) return fail("cannot lock the directory of " + path);
+    Accounts accounts;
+    std::string error;
+    struct stat st {};
+    if (command == "init") {
+        if (lstat(path.c_str(), &st) == 0) return 0;
+        std::string password;
+        if (!new_password("admin", from_stdin, &password)) return fail("no usable password");
+        const std::string hash = tx::web::hash_password(password);
+        if (hash.empty()) return fail("no random numbers for the salt");
+        accounts.put({"admin", tx::web::Role::admin, hash});
+        return accounts.save(path, &error) ? 0 : fail(error);
+    }
+    if (!accounts.load(path, &error)) return fail(error);
+    if (command == "list" && args.size() == 1) {
+        for (const Account& account : accounts.all())
+            std::cout << account.name << ' ' << tx::web::role_name(account.role) << '\n';
+        return 0;
+    }
+    if (args.size() < 2) return usage();
+    const std::string& name = args[1];
+    const Account* existing = accounts.find(name);
+    tx::web::Role role = tx::web::Role::viewer;
+    bool role_given = false;
+    if (args.size() == 3) {
+        if (const std::optional<tx::web::Role> named = tx::web::role_from_name(args[2])) {
+            role = *named;
+            role_given = true;
+        }
+    }
+    if (command == "add" && args.size() == 3) {
+        if (!tx::web::valid_account_name(name))
+            return fail("a name is a lower-case letter and up to 31 of a-z 0-9 _ . -");
+        if (existing != nullptr) return fail(name + " exists");
+        if (!role_given) return usage();
+        std::string password;
+        if (!new_password(name, from_stdin, &password)) return fail("no usable password");
+        accounts.put({name, role, tx::web::hash_password(password)});
+    } else if (existing == nullptr) {
+        return fail("no account " + name);
+    } else if (command == "passwd" && args.size() == 2) {
+        std::string password;
+        if (!new_password(name, from_stdin, &password)) return fail("no usable password");
+        accounts.put({name, existing->role, tx::web::hash_password(password)});
+    } else if (command == "role" && role_given) {
+        accounts.put({name, role, existing->hash});
+    } else if (command == "remove" && args.size() == 2) {
+        accounts.remove(name);
+    } else {
+        return usage();
+    }
+    for (const Account& account : accounts.all()) {
+        if (account.hash.empty()) return fail("no random numbers for the salt");
+    }
+    return accounts.save(path, &error) ? 0 : fail(error);
+}
