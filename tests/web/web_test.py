@@ -1,15 +1,19 @@
-"""The settings page end to end: lighttpd, the CGI programs, cgiconn and
-coresim (tools/web/serve), driven through HTTP and a headless Chromium.
-Runs inside tools/sandbox: web_test.py BIN_DIR PAGE_DIR OUT_DIR"""
-import json, os, signal, socket, subprocess, sys, tempfile, time, unittest
-import urllib.error, urllib.request
+"""The settings page end to end: lighttpd over HTTPS, the CGI programs, cgievents, cgiconn and
+coresim (tools/web/serve), driven through HTTPS and a headless Chromium, with the audit trail
+read from a syslog socket of the test's own. Runs inside tools/sandbox as root:
+web_test.py BIN_DIR PAGE_DIR OUT_DIR"""
+import base64, http.client, http.server, json, os, pwd, re, signal, socket, ssl, subprocess, sys
+import tempfile, threading, time, unittest
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
-from selenium.webdriver.support.ui import Select, WebDriverWait
+from selenium.webdriver.support.ui import WebDriverWait
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BIN, PAGE, OUT = sys.argv[1:4]
+ACCOUNTS = '/run/tx416-web/etc/web-accounts'
+RECORD = 256
+PADDING = 'x' * 200  # fills a stalled connection's buffers sooner
 
 def until(check, seconds):
     deadline = time.monotonic() + seconds
@@ -19,36 +23,132 @@ def until(check, seconds):
         time.sleep(0.05)
     return True
 
-def command(form, method='GET'):
-    url = f'{URL}cgi-bin/command' + (f'?{form}' if method == 'GET' else '')
-    data = form.encode() if method != 'GET' else None
-    try:
-        with urllib.request.urlopen(urllib.request.Request(url, data, method=method)) as r:
-            return r.status, json.load(r)
-    except urllib.error.HTTPError as e:
-        return e.code, json.load(e)
+def free_port():
+    with socket.socket() as s:
+        s.bind(('127.0.0.1', 0))
+        return s.getsockname()[1]
+
+def as_user(user):
+    entry = pwd.getpwnam(user)
+    return ['setpriv', f'--reuid={entry.pw_uid}', f'--regid={entry.pw_gid}', '--init-groups', '--']
+
+def basic(user):
+    return 'Basic ' + base64.b64encode(f'{user}:{PASSWORDS[user]}'.encode()).decode()
+
+def request(method, path, body=None, user='admin', headers=()):
+    """One HTTPS request: (status, headers, body as JSON where it is JSON)."""
+    connection = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10)
+    head = {'Host': f'127.0.0.1:{PORT}'}
+    if body is not None:
+        head['Content-Type'] = 'application/x-www-form-urlencoded'
+    if user:
+        head['Authorization'] = basic(user)
+    head.update(headers)
+    connection.request(method, path, body, head)
+    response = connection.getresponse()
+    data = response.read()
+    connection.close()
+    if response.getheader('Content-Type', '').startswith('application/json'):
+        data = json.loads(data)
+    return response.status, response.headers, data
+
+def command(line, user='admin', method='POST'):
+    form = 'cmd=' + line.replace(' ', '+')
+    if method == 'GET':
+        return request('GET', '/cgi-bin/command?' + form, user=user)[::2]
+    return request('POST', '/cgi-bin/command', form, user=user)[::2]
+
+AUDIT = []
+
+def read_syslog():
+    while True:
+        AUDIT.append(SYSLOG.recv(4096).decode())
+
+def audit_lines():
+    time.sleep(0.1)
+    return list(AUDIT)
 
 def queued_messages():
     rows = subprocess.run(['ipcs', '-q'], capture_output=True, text=True).stdout.splitlines()
     return sum(int(r.split()[-1]) for r in rows if r.startswith('0x'))
 
+def streams():
+    return len(os.listdir('/run/tx416/streams'))
+
 def start_cgi(form):
-    env = {'REQUEST_METHOD': 'GET', 'QUERY_STRING': form, 'PLATFORM_CMDLINE': '/tmp/cmdline'}
-    return subprocess.Popen([f'{BIN}/command'], env=env, stdout=subprocess.PIPE)
+    env = {'REQUEST_METHOD': 'GET', 'QUERY_STRING': form, 'PLATFORM_CMDLINE': '/tmp/cmdline',
+           'HTTP_HOST': 'localhost', 'HTTP_AUTHORIZATION': basic('admin'), 'TX_WEB_ACCOUNTS': ACCOUNTS,
+           'TX_WEB_HOSTS': 'localhost', 'TX_WEB_SYSLOG': '/tmp/syslog'}
+    return subprocess.Popen(as_user(WEB_USER) + [f'{BIN}/command'], env=env, stdout=subprocess.PIPE)
+
+class Stream:
+    """An event stream read (or, stalled, never read) over its own TLS connection."""
+    def __init__(self, receive_buffer=None):
+        raw = socket.socket()
+        if receive_buffer:
+            raw.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        raw.connect(('127.0.0.1', PORT))
+        self.sock = TLS.wrap_socket(raw, server_hostname='127.0.0.1')
+        # HTTP/1.0: the events come unframed, up to the end of the connection.
+        self.sock.sendall(f'GET /cgi-bin/events HTTP/1.0\r\nHost: 127.0.0.1:{PORT}\r\n'
+                          f'Authorization: {basic("viewer")}\r\n\r\n'.encode())
+        self.text = b''
+
+    def events(self, count, seconds=10):
+        deadline = time.monotonic() + seconds
+        while len(re.findall(rb'\ndata: ([^\n]*)\n', self.text)) < count and time.monotonic() < deadline:
+            self.sock.settimeout(max(0.01, deadline - time.monotonic()))
+            try:
+                self.text += self.sock.recv(65536)
+            except socket.timeout:
+                break
+        return re.findall(rb'\ndata: ([^\n]*)\n', self.text)
+
+def notify(first, count):
+    """Records as cgiconn writes them, straight into the fan-out's pipe."""
+    with open('/tmp/CgiInterComm', 'wb', buffering=0) as pipe:
+        for n in range(first, first + count):
+            pipe.write(f'notify test.seq {n} {PADDING}'.encode().ljust(RECORD, b'\0'))
 
 def setUpModule():
-    global URL, server, browser
-    with socket.socket() as s:
-        s.bind(('127.0.0.1', 0))
-        port = s.getsockname()[1]
-    URL = f'http://127.0.0.1:{port}/'
-    server = subprocess.Popen([f'{ROOT}/tools/web/serve', BIN, PAGE, str(port), tempfile.mkdtemp()],
-                              stdout=subprocess.PIPE, text=True)
-    assert server.stdout.readline().startswith('serving'), 'the stack did not start'
+    global PORT, HTTP_PORT, TLS, PASSWORDS, SYSLOG, WEB_USER, server, browser, state, victim
+    PORT, HTTP_PORT = free_port(), free_port()
+    WEB_USER = 'www-data'
+    SYSLOG = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+    SYSLOG.bind('/tmp/syslog')
+    os.chmod('/tmp/syslog', 0o666)
+    threading.Thread(target=read_syslog, daemon=True).start()
+    state = tempfile.mkdtemp()
+    # A local user plants a symlink where cgiconn (root) writes notifications.
+    victim = os.path.join(state, 'victim')
+    with open(victim, 'w') as f:
+        f.write('victim\n')
+    subprocess.run(as_user('nobody') + ['ln', '-s', victim, '/tmp/CgiInterComm'], check=True)
+    server = subprocess.Popen([f'{ROOT}/tools/web/serve', BIN, PAGE, str(PORT), str(HTTP_PORT), state],
+                              stdout=subprocess.PIPE, text=True,
+                              env={**os.environ, 'TX_WEB_SYSLOG': '/tmp/syslog'})
+    lines = [server.stdout.readline() for _ in range(3)]
+    assert lines[0].startswith('serving https://'), 'the stack did not start'
+    assert re.match(r'certificate SHA-256 fingerprint: ([0-9A-F]{2}:){31}[0-9A-F]{2}\n', lines[1])
+    PASSWORDS = {'admin': re.fullmatch(r'admin password: (\w{16})\n', lines[2]).group(1)}
+    TLS = ssl.create_default_context(cafile=f'{state}/tls/cert.pem')
+    for user, role in (('operator', 'operator'), ('viewer', 'viewer')):
+        PASSWORDS[user] = f'{user}-secret'
+        subprocess.run([f'{BIN}/tx416-webuser', '--accounts', ACCOUNTS, 'add', user, role,
+                        '--password-stdin'], input=PASSWORDS[user], text=True, check=True)
+    # A change while the plant is there; then an administrator removes it.
+    assert command('set speaker-volume 9')[0] == 200
+    os.unlink('/tmp/CgiInterComm')
+    assert until(lambda: os.path.exists('/tmp/CgiInterComm'), 3), 'cgievents did not make its pipe'
+
+    spki = subprocess.run(f'openssl x509 -in {state}/tls/cert.pem -pubkey -noout | openssl pkey -pubin '
+                          '-outform der | openssl dgst -sha256 -binary | base64', shell=True,
+                          capture_output=True, text=True, check=True).stdout.strip()
     options = webdriver.ChromeOptions()
     for flag in ('headless', 'no-sandbox', 'disable-gpu', 'disable-quic', 'no-first-run',
                  'disable-background-networking', 'disable-component-update', 'disable-sync',
-                 'window-size=1280,1000', f'user-data-dir={tempfile.mkdtemp()}'):
+                 'window-size=1280,1000', f'user-data-dir={tempfile.mkdtemp()}',
+                 f'ignore-certificate-errors-spki-list={spki}'):
         options.add_argument('--' + flag)
     options.binary_location = '/usr/bin/chromium'
     browser = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
@@ -59,46 +159,173 @@ def tearDownModule():
     server.communicate()
 
 class WebTest(unittest.TestCase):
+    def tearDown(self):
+        browser.get('about:blank')  # a page left open would stream and send commands
+
+    def log_in(self, user):
+        url = f'https://127.0.0.1:{PORT}/'
+        browser.get(url)
+        if browser.current_url != f'{url}cgi-bin/login':
+            browser.find_element(By.ID, 'logout').click()
+            WebDriverWait(browser, 10).until(lambda _: browser.current_url == f'{url}cgi-bin/login')
+        browser.find_element(By.ID, 'user').send_keys(user)
+        browser.find_element(By.ID, 'password').send_keys(PASSWORDS[user] + '\n')
+        WebDriverWait(browser, 10).until(lambda _: browser.current_url == url)
+        self.assertIn(f'{user} (', browser.find_element(By.ID, 'whoami').text)
+
+    def value(self, name):
+        return browser.find_element(By.ID, f'setting-{name}').find_element(By.CLASS_NAME, 'value').text
+
+    def console(self, line):
+        browser.execute_script("document.getElementById('console-out').textContent = ''")
+        field = browser.find_element(By.ID, 'line')
+        field.clear()
+        field.send_keys(line + '\n')
+        out = browser.find_element(By.ID, 'console-out')
+        WebDriverWait(browser, 10).until(lambda _: out.text)
+        return out.text
+
     def test_answers_of_the_command_program(self):
         with open(os.path.join(os.path.dirname(__file__), 'http_cases.tsv')) as cases:
             for line in (l.rstrip('\n') for l in cases if not l.startswith('#')):
-                method, form, status, answer = line.split('\t')
-                with self.subTest(method=method, form=form[:40]):
-                    self.assertEqual(command(form, method), (int(status), json.loads(answer)))
+                name, user, method, headers, form, status, answer = line.split('\t')
+                form = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), form)
+                answer = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), answer)
+                extra = dict(h.split(': ', 1) for h in headers.split(';') if h != '-')
+                path = '/cgi-bin/command' + (f'?{form}' if method != 'POST' else '')
+                with self.subTest(name):
+                    got = request(method, path, form if method == 'POST' else None,
+                                  user if user != '-' else None, extra)
+                    self.assertEqual((got[0], got[2]), (int(status), json.loads(answer)))
+        self.assertTrue(any('"set systemname caf\u00e9" -> "val systemname caf\u00e9"' in l
+                            and 'operator from 127.0.0.1' in l for l in audit_lines()))
 
-    def test_page_reads_sets_follows_and_refuses(self):
-        browser.get(URL)
-        row = lambda name: browser.find_element(By.ID, f'setting-{name}')
-        value = lambda name: row(name).find_element(By.CLASS_NAME, 'value').text
+    def test_logins_sessions_and_the_rest_of_the_site(self):
+        status, headers, _ = request('GET', '/', user=None)
+        self.assertEqual((status, headers['Location']), (303, '/cgi-bin/login'))
+        redirect = http.client.HTTPConnection('127.0.0.1', HTTP_PORT)
+        redirect.request('POST', '/cgi-bin/command', 'cmd=get+mute')
+        self.assertEqual(redirect.getresponse().getheader('Location'),
+                         f'https://127.0.0.1:{PORT}/cgi-bin/command')
+        self.assertEqual(request('GET', '/index.html')[0], 403)
+        self.assertEqual(command('help audio')[1]['reply'].split('\n')[0],
+                         '"set mute <0-1>" - Configure mute state. 0 - unmuted, 1 - muted, default 0.')
+        # A body far over the limit is refused from its length, before any of it is kept.
+        big = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10)
+        big.putrequest('POST', '/cgi-bin/command')
+        for name, value in (('Content-Length', 5 << 20), ('Authorization', basic('admin')),
+                            ('Content-Type', 'application/x-www-form-urlencoded')):
+            big.putheader(name, value)
+        big.endheaders(b'cmd=' + b'a' * 1000)
+        self.assertEqual(big.getresponse().status, 413)
+        self.assertEqual(os.listdir('/run/tx416-web/upload'), [])
+
+        form = f'user=operator&password={PASSWORDS["operator"]}'
+        status, headers, _ = request('POST', '/cgi-bin/login', form, user=None)
+        self.assertEqual((status, headers['Location']), (303, '/'))
+        cookie = headers['Set-Cookie']
+        self.assertRegex(cookie, r'^tx416_session=[0-9a-f]{64}; Path=/; Secure; HttpOnly; SameSite=Strict$')
+        session = {'Cookie': cookie.split(';')[0]}
+        page = request('GET', '/', user=None, headers=session)[2].decode()
+        token = re.search(r'name="csrf-token" content="([0-9a-f]{64})"', page).group(1)
+        set_mute = lambda extra: request('POST', '/cgi-bin/command', 'cmd=set+mute+1', None, extra)
+        self.assertEqual(set_mute(session)[0], 403)
+        self.assertEqual(set_mute({**session, 'X-CSRF-Token': token})[2],
+                         {'line': 'set mute 1', 'reply': 'val mute 1'})
+        self.assertTrue(any('operator from 127.0.0.1: "set mute 1" -> "val mute 1"' in l for l in audit_lines()))
+        self.assertEqual(request('POST', '/cgi-bin/logout', f'csrf={token}', None, session)[0], 303)
+        self.assertEqual(set_mute({**session, 'X-CSRF-Token': token})[0], 401)
+
+        # Failed logins are logged and slow the next try from the same address down.
+        PASSWORDS['nobody'] = 'wrong-password'
+        self.assertEqual(command('get mute', user='nobody')[0], 401)
+        self.assertEqual(command('get mute')[0], 429)
+        self.assertTrue(any('failed login as "nobody" from 127.0.0.1' in l for l in audit_lines()))
+        self.assertTrue(until(lambda: command('get mute')[0] == 200, 3))
+
+    def test_page_for_each_role_and_against_other_sites(self):
+        self.log_in('admin')
         wait = WebDriverWait(browser, 10)
-        wait.until(lambda _: value('speaker-volume') == '9')
-        field = row('speaker-volume').find_element(By.NAME, 'value')
-        if field.tag_name == 'select':
-            Select(field).select_by_value('12')
-        else:
-            field.send_keys('12')
-        row('speaker-volume').find_element(By.TAG_NAME, 'button').click()
-        wait.until(lambda _: value('speaker-volume') == '12')
-        self.assertEqual(row('speaker-volume').find_element(By.CLASS_NAME, 'reply').text,
-                         'val speaker-volume 12')
-
-        browser.execute_script('window.notReloaded = true')
-        wait.until(lambda _: browser.find_element(By.ID, 'live').text == 'live')
-        # A second stream beside the page's: each sees every notification.
-        with urllib.request.urlopen(URL + 'cgi-bin/events', timeout=10) as stream:
-            subprocess.run([f'{BIN}/cli', '-c', 'set ringer-volume 7'], check=True, timeout=10,
-                           env={**os.environ, 'PLATFORM_CMDLINE': '/tmp/cmdline'},
-                           stdout=subprocess.DEVNULL)
-            wait.until(lambda _: value('ringer-volume') == '7')
-            self.assertIn(b'data: notify audio.ringer-volume 7\n', [stream.readline() for _ in range(3)])
-        self.assertTrue(browser.execute_script('return window.notReloaded'))
-
-        browser.find_element(By.ID, 'line').send_keys('get md5-password\n')
-        out = browser.find_element(By.ID, 'console-out')
-        wait.until(lambda _: out.text == 'command syntax error')
-        self.assertIn('error', out.get_attribute('class'))
+        wait.until(lambda _: self.value('speaker-volume') == '9')
+        row = browser.find_element(By.ID, 'setting-speaker-volume')
+        row.find_element(By.NAME, 'value').send_keys('12')
+        row.find_element(By.TAG_NAME, 'button').click()
+        wait.until(lambda _: row.find_element(By.CLASS_NAME, 'reply').text == 'val speaker-volume 12')
+        self.assertEqual(self.console('get md5-password'), 'val md5-password 0')
+        # Notifications arrive newest first: the page still ends at the device's value.
+        calls = browser.find_element(By.CSS_SELECTOR, 'tr.call[data-line="1"] .value')
+        wait.until(lambda _: calls.text == 'idle')
+        self.assertEqual(self.console('dial 1 5551234'), 'dial 1 5551234')
+        wait.until(lambda _: calls.text == 'connected')
+        self.console('hangup 1')
         browser.execute_script("document.getElementById('topic-audio').scrollIntoView()")
         browser.save_screenshot(os.path.join(OUT, 'web-page.png'))
+
+        # Another site's form post and image request, in the admin's browser, change nothing.
+        attack = (f'<form method=post action="https://127.0.0.1:{PORT}/cgi-bin/command">'
+                  '<input name=cmd value="set speaker-volume 3"></form>'
+                  f'<img src="https://127.0.0.1:{PORT}/cgi-bin/command?cmd=set+speaker-volume+4">'
+                  '<script>document.forms[0].submit()</script>').encode()
+        class Attacker(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                self.send_response(200)
+                self.send_header('Content-Type', 'text/html')
+                self.end_headers()
+                self.wfile.write(attack)
+            def log_message(self, *args):
+                pass
+        other = http.server.HTTPServer(('127.0.0.1', 0), Attacker)
+        threading.Thread(target=other.handle_request, daemon=True).start()
+        browser.get(f'http://127.0.0.1:{other.server_port}/')
+        other.server_close()
+        wait.until(lambda _: browser.current_url.endswith('/cgi-bin/command'))
+        self.assertIn(json.loads(browser.find_element(By.TAG_NAME, 'body').text)['error'],
+                      ('log in first', 'request from another site (Origin http://127.0.0.1:%d)' % other.server_port))
+        self.assertEqual(command('get speaker-volume', method='GET'),
+                         (200, {'line': 'get speaker-volume', 'reply': 'val speaker-volume 12'}))
+
+        self.log_in('operator')
+        self.assertEqual(self.console('get md5-password'), 'command syntax error')
+        self.log_in('viewer')
+        self.assertFalse(browser.find_element(By.CSS_SELECTOR, '#setting-mute button').is_displayed())
+        self.assertEqual(self.console('set mute 1'), 'the viewer account only reads (get)')
+
+    def test_ten_tabs_follow_and_answer(self):
+        self.log_in('operator')
+        tabs = [browser.current_window_handle]
+        for _ in range(9):
+            browser.switch_to.new_window('tab')
+            browser.get(f'https://127.0.0.1:{PORT}/')
+            tabs.append(browser.current_window_handle)
+        for volume in ('5', '6'):
+            self.assertEqual(command(f'set ringer-volume {volume}')[0], 200)
+            for tab in tabs:
+                browser.switch_to.window(tab)
+                WebDriverWait(browser, 10).until(lambda _: self.value('ringer-volume') == volume)
+                if volume == '6':
+                    self.assertEqual(browser.find_element(By.ID, 'live').text, 'live')
+                    self.assertEqual(self.console('get ringer-volume'), 'val ringer-volume 6')
+        for tab in tabs[1:]:
+            browser.switch_to.window(tab)
+            browser.close()
+        browser.switch_to.window(tabs[0])
+
+    def test_streams_that_stall_or_close_take_nothing_from_the_others(self):
+        until(lambda: streams() == 0, 5)  # the pages of other tests are gone
+        stalled = Stream(receive_buffer=1024)
+        closing, reader = Stream(), Stream()
+        for stream in (stalled, reader):
+            self.addCleanup(stream.sock.close)
+        self.assertTrue(until(lambda: streams() == 3, 5))
+        closing.sock.close()
+        sent = 0
+        # The stalled stream fills its pipe and is dropped; the reader gets every record.
+        while streams() > 1 and sent < 20000:
+            notify(sent, 100)
+            sent += 100
+            self.assertEqual(len(reader.events(sent)), sent)
+        self.assertEqual(streams(), 1)
+        self.assertEqual(reader.events(sent), [f'notify test.seq {n} {PADDING}'.encode() for n in range(sent)])
 
     def test_replies_left_behind_never_fill_the_connectors_queue(self):
         core = int(subprocess.run(['pidof', 'coresim'], capture_output=True).stdout)
@@ -122,7 +349,25 @@ class WebTest(unittest.TestCase):
         statuses = sorted(p.communicate()[0].split(b' ')[1] for p in burst)
         self.assertEqual(statuses, [b'503'] * 24 + [b'504'] * 16)
         self.assertTrue(until(lambda: queued_messages() == 0, 2))
-        self.assertEqual(command('cmd=get+mute')[0], 200)
+        self.assertEqual(command('get mute')[0], 200)
+
+    def test_symlinks_planted_in_tmp_change_nothing(self):
+        planted = '/run/tx416/planted'
+        pid = int(subprocess.run(['sh', '-c', 'echo $$'], capture_output=True, text=True).stdout)
+        names = [f'cgi_rx_{n}.txt' for n in range(pid, pid + 300)] + ['cgi_slots.lock', 'cgi_events.lock']
+        plant = 'import os, sys\nfor n in sys.argv[2:]: os.symlink(sys.argv[1], "/tmp/" + n)'
+        subprocess.run(as_user('nobody') + [sys.executable, '-c', plant, planted] + names, check=True)
+        answers = []
+        while len(answers) < 30 and (503, 'taken') not in answers:
+            status, answer = command('set mute 0')
+            answers.append((status, 'taken' if 'taken by another user' in answer.get('error', '') else ''))
+        self.assertIn((503, 'taken'), answers)
+        self.assertLessEqual({status for status, _ in answers}, {200, 503})
+        self.assertFalse(os.path.lexists(planted))
+        with open(victim) as f:
+            self.assertEqual(f.read(), 'victim\n')
+        for name in names:
+            os.unlink(f'/tmp/{name}')
 
 if __name__ == '__main__':
-    unittest.main(argv=sys.argv[:1])
+    unittest.main(argv=sys.argv[:1] + sys.argv[4:])

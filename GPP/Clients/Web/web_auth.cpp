@@ -497,10 +497,11 @@ void audit(AuditKind kind, bool failure, std::string_view text) {
     if (path.size() >= sizeof address.sun_path) return;
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    // Never waits: a syslog daemon that is behind must not hold up the page.
     if (fd.get() < 0 ||
-        sendto(fd.get(), message.data(), message.size(), 0,
+        sendto(fd.get(), message.data(), message.size(), MSG_DONTWAIT,
                reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
-        // No syslog: the web server's error log gets it.
+        // No syslog, or it is behind: the web server's error log gets it.
         std::fprintf(stderr, "%s\n", message.c_str());
     }
 }
