@@ -4,7 +4,6 @@
 #include "web_cgi.hpp"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -19,7 +18,8 @@
 #include "completion.hpp"
 #include "fixed_text.hpp"
 #include "ipc_channel.hpp"
-#include "matcher_detail.hpp"
+#include "osal.hpp"
+#include "regexparser.hpp"
 #include "xml_messages.hpp"
 
 namespace tx::web {
@@ -28,7 +28,7 @@ namespace {
 
 constexpr std::size_t kRequestTextLen = 256;
 constexpr std::size_t kDisplayLen = 512;
-constexpr const char* kSyntaxError = "command syntax error";
+constexpr std::string_view kSyntaxError = tx::grammar::kSyntaxError;
 constexpr std::string_view kFormType = "application/x-www-form-urlencoded";
 
 std::string_view env(const char* name) {
@@ -94,44 +94,23 @@ const char* reason_of(int status) {
     }
 }
 
-// What the matcher and the handlers print when they refuse a line goes to
-// standard output; here it is caught and becomes the error text.
+// The line as the role's account runs it, or why it may not be sent.
 std::optional<std::string> refusal_of(const std::string& line, RequestRecord* record, uid_t uid) {
-    const int capture = memfd_create("refusal", 0);
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    if (capture >= 0) dup2(capture, STDOUT_FILENO);
-    const int matched =
-        tx::grammar::command_matcher().match(line.data(), line.size(), record, uid);
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string printed(kRequestTextLen, '\0');
-    const ssize_t n = capture >= 0 ? pread(capture, printed.data(), printed.size(), 0) : 0;
-    if (capture >= 0) close(capture);
-    if (matched != 0 && record->action[0] != '\0') return std::nullopt;
-    printed.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-    printed = printed.substr(0, printed.find('\n'));
-    return printed.empty() ? kSyntaxError : printed;
+    const tx::grammar::Match match = tx::grammar::match(line, {uid, osal_voip_capable()});
+    if (match.row == nullptr) return std::string(kSyntaxError);
+    // A refusal the console would still send, with an empty action, is an
+    // error here.
+    if (!match.refusal.empty()) return match.refusal;
+    if (match.record.action[0] == '\0') return std::string(kSyntaxError);
+    *record = match.record;
+    return std::nullopt;
 }
 
-// Help as the grammar prints it for uid, caught from standard output.
-std::string help_reply(std::string_view topic_text, uid_t uid) {
-    const int capture = memfd_create("help", 0);
-    if (capture < 0) return {};
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    dup2(capture, STDOUT_FILENO);
-    tx::grammar::print_help(command_table, std::string(topic_text).c_str(), uid);
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string printed(1 << 16, '\0');
-    const ssize_t n = pread(capture, printed.data(), printed.size(), 0);
-    close(capture);
-    printed.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-    while (!printed.empty() && printed.back() == '\n') printed.pop_back();
-    return printed;
+// Help as cli prints it for root, without its last newlines.
+std::string help_text(std::string_view topic_text) {
+    std::string text = tx::grammar::help_text(topic_text, 0);
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
 }
 
 // What a line does once matched.
@@ -460,7 +439,7 @@ Answer CommandRequest::run_line(const HttpRequest& http, const Caller& caller,
             std::string_view(line).substr(tx::grammar::builtin_name(tx::grammar::Builtin::help).size());
         return Answer{200, "application/json",
                       "{\"line\": " + json_string(line) +
-                          ", \"reply\": " + json_string(help_reply(topic, 0)) + "}",
+                          ", \"reply\": " + json_string(help_text(topic)) + "}",
                       ""};
     }
     if (verdict.refusal) return error_answer(400, *verdict.refusal);
