@@ -1,23 +1,24 @@
-"""Latency of the web path: a get through lighttpd, the command program,
-cgiconn and coresim, from 4 clients at once, each on its own keep-alive
-connection as a browser would be. Starts the stack itself (tools/web/serve)
+"""Latency of the web path: an authenticated get (HTTP Basic over HTTPS, as a
+script sends it) through lighttpd, the command program, cgiconn and coresim,
+from 4 clients at once, each on its own keep-alive connection. Starts the stack itself (tools/web/serve)
 on a free loopback port, so it runs inside tools/sandbox:
 
     tools/sandbox /usr/bin/python3 bench/web/web_load.py BIN_DIR PAGE_DIR [SECONDS]
 
 (tools/run-web --load [SECONDS] builds and does that.) Prints p50, p90, p99
 and the requests per second; the target is p50 <= 20 ms."""
-import http.client, os, socket, subprocess, sys, tempfile, threading, time
+import base64, http.client, os, socket, ssl, subprocess, sys, tempfile, threading, time
 
 CLIENTS = 4
 PATH = '/cgi-bin/command?cmd=get+speaker-volume'
 
 
-def client(port, until, latencies, failures):
-    connection = http.client.HTTPConnection('127.0.0.1', port, timeout=5)
+def client(port, tls, password, until, latencies, failures):
+    connection = http.client.HTTPSConnection('127.0.0.1', port, context=tls, timeout=5)
+    auth = {'Authorization': 'Basic ' + base64.b64encode(f'admin:{password}'.encode()).decode()}
     while time.monotonic() < until:
         start = time.perf_counter()
-        connection.request('GET', PATH)
+        connection.request('GET', PATH, headers=auth)
         response = connection.getresponse()
         body = response.read()
         latencies.append(time.perf_counter() - start)
@@ -34,17 +35,24 @@ def main():
     root = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
     bin_dir, page_dir = sys.argv[1:3]
     seconds = float(sys.argv[3]) if len(sys.argv) > 3 else 20
-    with socket.socket() as s:
-        s.bind(('127.0.0.1', 0))
-        port = s.getsockname()[1]
-    server = subprocess.Popen([f'{root}/tools/web/serve', bin_dir, page_dir, str(port),
-                               tempfile.mkdtemp()], stdout=subprocess.PIPE, text=True)
-    if not server.stdout.readline().startswith('serving'):
+    ports = []
+    for _ in range(2):
+        with socket.socket() as s:
+            s.bind(('127.0.0.1', 0))
+            ports.append(s.getsockname()[1])
+    port = ports[0]
+    state = tempfile.mkdtemp()
+    server = subprocess.Popen([f'{root}/tools/web/serve', bin_dir, page_dir, str(port), str(ports[1]),
+                               state], stdout=subprocess.PIPE, text=True)
+    lines = [server.stdout.readline() for _ in range(3)]
+    if not lines[0].startswith('serving') or not lines[2].startswith('admin password: '):
         sys.exit('web_load: the stack did not start')
+    password = lines[2].split()[-1]
+    tls = ssl.create_default_context(cafile=f'{state}/tls/cert.pem')
     latencies, failures = [], []
-    client(port, time.monotonic() + 1, [], [])  # warm-up
+    client(port, tls, password, time.monotonic() + 1, [], [])  # warm-up
     until = time.monotonic() + seconds
-    threads = [threading.Thread(target=client, args=(port, until, latencies, failures))
+    threads = [threading.Thread(target=client, args=(port, tls, password, until, latencies, failures))
                for _ in range(CLIENTS)]
     began = time.monotonic()
     for t in threads:

@@ -111,7 +111,7 @@ def notify(first, count):
             pipe.write(f'notify test.seq {n} {PADDING}'.encode().ljust(RECORD, b'\0'))
 
 def setUpModule():
-    global PORT, HTTP_PORT, TLS, PASSWORDS, SYSLOG, WEB_USER, server, browser, state, victim
+    global PORT, HTTP_PORT, TLS, PASSWORDS, SYSLOG, WEB_USER, server, state, victim
     PORT, HTTP_PORT = free_port(), free_port()
     WEB_USER = 'www-data'
     SYSLOG = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -141,24 +141,30 @@ def setUpModule():
     os.unlink('/tmp/CgiInterComm')
     assert until(lambda: os.path.exists('/tmp/CgiInterComm'), 3), 'cgievents did not make its pipe'
 
-    spki = subprocess.run(f'openssl x509 -in {state}/tls/cert.pem -pubkey -noout | openssl pkey -pubin '
-                          '-outform der | openssl dgst -sha256 -binary | base64', shell=True,
-                          capture_output=True, text=True, check=True).stdout.strip()
-    options = webdriver.ChromeOptions()
-    for flag in ('headless', 'no-sandbox', 'disable-gpu', 'disable-quic', 'no-first-run',
-                 'disable-background-networking', 'disable-component-update', 'disable-sync',
-                 'window-size=1280,1000', f'user-data-dir={tempfile.mkdtemp()}',
-                 f'ignore-certificate-errors-spki-list={spki}'):
-        options.add_argument('--' + flag)
-    options.binary_location = '/usr/bin/chromium'
-    browser = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
-
 def tearDownModule():
-    browser.quit()
     server.send_signal(signal.SIGTERM)
     server.communicate()
 
-class WebTest(unittest.TestCase):
+class BrowserTest(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        global browser
+        spki = subprocess.run(f'openssl x509 -in {state}/tls/cert.pem -pubkey -noout | openssl pkey -pubin '
+                              '-outform der | openssl dgst -sha256 -binary | base64', shell=True,
+                              capture_output=True, text=True, check=True).stdout.strip()
+        options = webdriver.ChromeOptions()
+        for flag in ('headless', 'no-sandbox', 'disable-gpu', 'disable-quic', 'no-first-run',
+                     'disable-background-networking', 'disable-component-update', 'disable-sync',
+                     'window-size=1280,1000', f'user-data-dir={tempfile.mkdtemp()}',
+                     f'ignore-certificate-errors-spki-list={spki}'):
+            options.add_argument('--' + flag)
+        options.binary_location = '/usr/bin/chromium'
+        browser = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
+
+    @classmethod
+    def tearDownClass(cls):
+        browser.quit()
+
     def tearDown(self):
         browser.get('about:blank')  # a page left open would stream and send commands
 
@@ -184,64 +190,6 @@ class WebTest(unittest.TestCase):
         out = browser.find_element(By.ID, 'console-out')
         WebDriverWait(browser, 10).until(lambda _: out.text)
         return out.text
-
-    def test_answers_of_the_command_program(self):
-        with open(os.path.join(os.path.dirname(__file__), 'http_cases.tsv')) as cases:
-            for line in (l.rstrip('\n') for l in cases if not l.startswith('#')):
-                name, user, method, headers, form, status, answer = line.split('\t')
-                form = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), form)
-                answer = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), answer)
-                extra = dict(h.split(': ', 1) for h in headers.split(';') if h != '-')
-                path = '/cgi-bin/command' + (f'?{form}' if method != 'POST' else '')
-                with self.subTest(name):
-                    got = request(method, path, form if method == 'POST' else None,
-                                  user if user != '-' else None, extra)
-                    self.assertEqual((got[0], got[2]), (int(status), json.loads(answer)))
-        self.assertTrue(any('"set systemname caf\u00e9" -> "val systemname caf\u00e9"' in l
-                            and 'operator from 127.0.0.1' in l for l in audit_lines()))
-
-    def test_logins_sessions_and_the_rest_of_the_site(self):
-        status, headers, _ = request('GET', '/', user=None)
-        self.assertEqual((status, headers['Location']), (303, '/cgi-bin/login'))
-        redirect = http.client.HTTPConnection('127.0.0.1', HTTP_PORT)
-        redirect.request('POST', '/cgi-bin/command', 'cmd=get+mute')
-        self.assertEqual(redirect.getresponse().getheader('Location'),
-                         f'https://127.0.0.1:{PORT}/cgi-bin/command')
-        self.assertEqual(request('GET', '/index.html')[0], 403)
-        self.assertEqual(command('help audio')[1]['reply'].split('\n')[0],
-                         '"set mute <0-1>" - Configure mute state. 0 - unmuted, 1 - muted, default 0.')
-        # A body far over the limit is refused from its length, before any of it is kept.
-        big = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10)
-        big.putrequest('POST', '/cgi-bin/command')
-        for name, value in (('Content-Length', 5 << 20), ('Authorization', basic('admin')),
-                            ('Content-Type', 'application/x-www-form-urlencoded')):
-            big.putheader(name, value)
-        big.endheaders(b'cmd=' + b'a' * 1000)
-        self.assertEqual(big.getresponse().status, 413)
-        self.assertEqual(os.listdir('/run/tx416-web/upload'), [])
-
-        form = f'user=operator&password={PASSWORDS["operator"]}'
-        status, headers, _ = request('POST', '/cgi-bin/login', form, user=None)
-        self.assertEqual((status, headers['Location']), (303, '/'))
-        cookie = headers['Set-Cookie']
-        self.assertRegex(cookie, r'^tx416_session=[0-9a-f]{64}; Path=/; Secure; HttpOnly; SameSite=Strict$')
-        session = {'Cookie': cookie.split(';')[0]}
-        page = request('GET', '/', user=None, headers=session)[2].decode()
-        token = re.search(r'name="csrf-token" content="([0-9a-f]{64})"', page).group(1)
-        set_mute = lambda extra: request('POST', '/cgi-bin/command', 'cmd=set+mute+1', None, extra)
-        self.assertEqual(set_mute(session)[0], 403)
-        self.assertEqual(set_mute({**session, 'X-CSRF-Token': token})[2],
-                         {'line': 'set mute 1', 'reply': 'val mute 1'})
-        self.assertTrue(any('operator from 127.0.0.1: "set mute 1" -> "val mute 1"' in l for l in audit_lines()))
-        self.assertEqual(request('POST', '/cgi-bin/logout', f'csrf={token}', None, session)[0], 303)
-        self.assertEqual(set_mute({**session, 'X-CSRF-Token': token})[0], 401)
-
-        # Failed logins are logged and slow the next try from the same address down.
-        PASSWORDS['nobody'] = 'wrong-password'
-        self.assertEqual(command('get mute', user='nobody')[0], 401)
-        self.assertEqual(command('get mute')[0], 429)
-        self.assertTrue(any('failed login as "nobody" from 127.0.0.1' in l for l in audit_lines()))
-        self.assertTrue(until(lambda: command('get mute')[0] == 200, 3))
 
     def test_page_for_each_role_and_against_other_sites(self):
         self.log_in('admin')
@@ -309,6 +257,65 @@ class WebTest(unittest.TestCase):
             browser.switch_to.window(tab)
             browser.close()
         browser.switch_to.window(tabs[0])
+
+class HttpTest(unittest.TestCase):
+    def test_answers_of_the_command_program(self):
+        with open(os.path.join(os.path.dirname(__file__), 'http_cases.tsv')) as cases:
+            for line in (l.rstrip('\n') for l in cases if not l.startswith('#')):
+                name, user, method, headers, form, status, answer = line.split('\t')
+                form = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), form)
+                answer = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), answer)
+                extra = dict(h.split(': ', 1) for h in headers.split(';') if h != '-')
+                path = '/cgi-bin/command' + (f'?{form}' if method != 'POST' else '')
+                with self.subTest(name):
+                    got = request(method, path, form if method == 'POST' else None,
+                                  user if user != '-' else None, extra)
+                    self.assertEqual((got[0], got[2]), (int(status), json.loads(answer)))
+        self.assertTrue(any('"set systemname caf\u00e9" -> "val systemname caf\u00e9"' in l
+                            and 'operator from 127.0.0.1' in l for l in audit_lines()))
+
+    def test_logins_sessions_and_the_rest_of_the_site(self):
+        status, headers, _ = request('GET', '/', user=None)
+        self.assertEqual((status, headers['Location']), (303, '/cgi-bin/login'))
+        redirect = http.client.HTTPConnection('127.0.0.1', HTTP_PORT)
+        redirect.request('POST', '/cgi-bin/command', 'cmd=get+mute')
+        self.assertEqual(redirect.getresponse().getheader('Location'),
+                         f'https://127.0.0.1:{PORT}/cgi-bin/command')
+        self.assertEqual(request('GET', '/index.html')[0], 403)
+        self.assertEqual(command('help audio')[1]['reply'].split('\n')[0],
+                         '"set mute <0-1>" - Configure mute state. 0 - unmuted, 1 - muted, default 0.')
+        # A body far over the limit is refused from its length, before any of it is kept.
+        big = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10)
+        big.putrequest('POST', '/cgi-bin/command')
+        for name, value in (('Content-Length', 5 << 20), ('Authorization', basic('admin')),
+                            ('Content-Type', 'application/x-www-form-urlencoded')):
+            big.putheader(name, value)
+        big.endheaders(b'cmd=' + b'a' * 1000)
+        self.assertEqual(big.getresponse().status, 413)
+        self.assertEqual(os.listdir('/run/tx416-web/upload'), [])
+
+        form = f'user=operator&password={PASSWORDS["operator"]}'
+        status, headers, _ = request('POST', '/cgi-bin/login', form, user=None)
+        self.assertEqual((status, headers['Location']), (303, '/'))
+        cookie = headers['Set-Cookie']
+        self.assertRegex(cookie, r'^tx416_session=[0-9a-f]{64}; Path=/; Secure; HttpOnly; SameSite=Strict$')
+        session = {'Cookie': cookie.split(';')[0]}
+        page = request('GET', '/', user=None, headers=session)[2].decode()
+        token = re.search(r'name="csrf-token" content="([0-9a-f]{64})"', page).group(1)
+        set_mute = lambda extra: request('POST', '/cgi-bin/command', 'cmd=set+mute+1', None, extra)
+        self.assertEqual(set_mute(session)[0], 403)
+        self.assertEqual(set_mute({**session, 'X-CSRF-Token': token})[2],
+                         {'line': 'set mute 1', 'reply': 'val mute 1'})
+        self.assertTrue(any('operator from 127.0.0.1: "set mute 1" -> "val mute 1"' in l for l in audit_lines()))
+        self.assertEqual(request('POST', '/cgi-bin/logout', f'csrf={token}', None, session)[0], 303)
+        self.assertEqual(set_mute({**session, 'X-CSRF-Token': token})[0], 401)
+
+        # Failed logins are logged and slow the next try from the same address down.
+        PASSWORDS['nobody'] = 'wrong-password'
+        self.assertEqual(command('get mute', user='nobody')[0], 401)
+        self.assertEqual(command('get mute')[0], 429)
+        self.assertTrue(any('failed login as "nobody" from 127.0.0.1' in l for l in audit_lines()))
+        self.assertTrue(until(lambda: command('get mute')[0] == 200, 3))
 
     def test_streams_that_stall_or_close_take_nothing_from_the_others(self):
         until(lambda: streams() == 0, 5)  # the pages of other tests are gone
