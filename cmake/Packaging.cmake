@@ -6,17 +6,31 @@ install(TARGETS cli cli-commands coresim RUNTIME DESTINATION ${CMAKE_INSTALL_BIN
 install(TARGETS cliconn cgiconn RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
 # The web client where Debian's lighttpd looks: the CGI programs in its CGI
-# directory (<prefix>/lib/cgi-bin), the page in its document root (outside
-# the prefix), and a sample configuration that serves both.
-set(TX_WEB_DOCUMENT_ROOT /var/www/html CACHE PATH "Where cmake --install puts the settings page")
-install(TARGETS web_command web_events RUNTIME DESTINATION lib/cgi-bin)
+# directory (<prefix>/lib/cgi-bin); the page's template, which the page
+# program serves to a logged-in user, under <prefix>/share/tx416/web; the
+# event fan-out, the accounts tool and the set-up of the first start in sbin;
+# and a sample configuration that serves it all over HTTPS.
+install(TARGETS web_command web_events web_site RUNTIME DESTINATION lib/cgi-bin)
+install(TARGETS cgievents tx416-webuser RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/GPP/Clients/Web/tx416-web-setup
+        DESTINATION ${CMAKE_INSTALL_SBINDIR})
 if(TX_WEB_PAGE)
-  install(FILES ${TX_WEB_PAGE} DESTINATION ${TX_WEB_DOCUMENT_ROOT})
+  install(FILES ${TX_WEB_PAGE} DESTINATION ${CMAKE_INSTALL_DATADIR}/tx416/web)
 endif()
 function(tx_write_web_sample_config output)
-  set(PORT 80)
-  set(DOC_ROOT /var/www/html)
+  set(USER "server.username = \"www-data\"\nserver.groupname = \"www-data\"")
+  set(BIND 127.0.0.1)
+  set(PORT 443)
+  set(HTTP_PORT 80)
+  set(HTTPS_NAME 127.0.0.1)
+  set(PAGE_DIR /usr/share/tx416/web)
+  set(PAGE /usr/share/tx416/web/index.html)
   set(ERROR_LOG /var/log/lighttpd/error.log)
+  set(UPLOAD_DIR /var/cache/lighttpd/uploads)
+  set(CERT /etc/tx416/tls/cert.pem)
+  set(KEY /etc/tx416/tls/key.pem)
+  set(ACCOUNTS /etc/tx416/web/accounts)
+  set(HOSTS "localhost 127.0.0.1")
   set(CGI_DIR /usr/lib/cgi-bin)
   set(ENVIRONMENT "")
   configure_file(${PROJECT_SOURCE_DIR}/GPP/Clients/Web/lighttpd.conf.in ${output} @ONLY)
@@ -101,8 +115,15 @@ command table lister cli-commands.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libtecla1, libc6, libstdc++6, libgcc-s1")
-set(CPACK_DEBIAN_PACKAGE_SUGGESTS "lighttpd")
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libtecla1, libc6, libstdc++6, libgcc-s1, libcrypt1")
+set(CPACK_DEBIAN_PACKAGE_SUGGESTS "lighttpd, lighttpd-mod-openssl")
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "openssl")
+# The first start of the package makes the certificate and the admin account
+# and prints the admin's password, once.
+configure_file(${PROJECT_SOURCE_DIR}/cmake/postinst.in ${CMAKE_BINARY_DIR}/package-control/postinst
+               FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ
+               GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_BINARY_DIR}/package-control/postinst)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_PACKAGE_DIRECTORY ${CMAKE_BINARY_DIR}/package)
 include(CPack)

@@ -11,7 +11,7 @@ from selenium.webdriver.support.ui import WebDriverWait
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 BIN, PAGE, OUT = sys.argv[1:4]
-ACCOUNTS = '/run/tx416-web/etc/web-accounts'
+ACCOUNTS = '/run/tx416-web/etc/accounts'
 RECORD = 256
 PADDING = 'x' * 200  # fills a stalled connection's buffers sooner
 

@@ -16,7 +16,7 @@ namespace tx::web {
 // failures, event streams) live here: made by the start-up for the web
 // server's user, mode 0700.
 inline constexpr const char* kRuntimeDir = "/run/tx416";
-inline constexpr const char* kDefaultAccountsFile = "/etc/tx416/web-accounts";
+inline constexpr const char* kDefaultAccountsFile = "/etc/tx416/web/accounts";
 
 // admin: what cli allows root; operator: what cli allows uid 1001; viewer:
 // the operator's get rows only.
