@@ -11,7 +11,8 @@ namespace tx::web {
 namespace {
 
 TEST(WebAuth, DigestsAndDecodings) {
-    EXPECT_EQ(hex(sha256("abc")), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
+    EXPECT_EQ(hex(sha256("abc")),
+              "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
     EXPECT_EQ(hex(sha256(std::string(64, 'a'))),
               "ffe054fe7ae0cb6dc65c3af9b61d5209f439851db43d0ba5997337df154668eb");
     EXPECT_EQ(base64_decode("YWRtaW46cGFzczp3b3Jk"), "admin:pass:word");
@@ -23,7 +24,8 @@ TEST(WebAuth, DigestsAndDecodings) {
 
 TEST(WebAuth, AnswersAreAlwaysUtf8) {
     EXPECT_TRUE(valid_utf8("caf\xc3\xa9 \xf0\x9f\x98\x80"));
-    for (const char* broken : {"\xe9t\xe9", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xc3"}) {
+    for (const char* broken :
+         {"\xe9t\xe9", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xc3"}) {
         EXPECT_FALSE(valid_utf8(broken)) << broken;
     }
     EXPECT_EQ(json_string("\xe9t\xc3\xa9\n\""), "\"\\ufffdt\xc3\xa9\\u000a\\\"\"");

@@ -101,16 +101,14 @@ long now_seconds() {
 
 // SHA-256 (FIPS 180-4).
 constexpr std::array<std::uint32_t, 64> kSha256K = {
-    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4,
-    0xab1c5ed5, 0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe,
-    0x9bdc06a7, 0xc19bf174, 0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f,
-    0x4a7484aa, 0x5cb0a9dc, 0x76f988da, 0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7,
-    0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967, 0x27b70a85, 0x2e1b2138, 0x4d2c6dfc,
-    0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85, 0xa2bfe8a1, 0xa81a664b,
-    0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070, 0x19a4c116,
-    0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
-    0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7,
-    0xc67178f2};
+    0x428a2f98, 0x71374491, 0xb5c0fbcf, 0xe9b5dba5, 0x3956c25b, 0x59f111f1, 0x923f82a4, 0xab1c5ed5,
+    0xd807aa98, 0x12835b01, 0x243185be, 0x550c7dc3, 0x72be5d74, 0x80deb1fe, 0x9bdc06a7, 0xc19bf174,
+    0xe49b69c1, 0xefbe4786, 0x0fc19dc6, 0x240ca1cc, 0x2de92c6f, 0x4a7484aa, 0x5cb0a9dc, 0x76f988da,
+    0x983e5152, 0xa831c66d, 0xb00327c8, 0xbf597fc7, 0xc6e00bf3, 0xd5a79147, 0x06ca6351, 0x14292967,
+    0x27b70a85, 0x2e1b2138, 0x4d2c6dfc, 0x53380d13, 0x650a7354, 0x766a0abb, 0x81c2c92e, 0x92722c85,
+    0xa2bfe8a1, 0xa81a664b, 0xc24b8b70, 0xc76c51a3, 0xd192e819, 0xd6990624, 0xf40e3585, 0x106aa070,
+    0x19a4c116, 0x1e376c08, 0x2748774c, 0x34b0bcb5, 0x391c0cb3, 0x4ed8aa4a, 0x5b9cca4f, 0x682e6ff3,
+    0x748f82ee, 0x78a5636f, 0x84c87814, 0x8cc70208, 0x90befffa, 0xa4506ceb, 0xbef9a3f7, 0xc67178f2};
 
 constexpr std::uint32_t rotr(std::uint32_t x, int n) {
     return (x >> n) | (x << (32 - n));
@@ -169,14 +167,14 @@ uid_t grammar_uid(Role role) {
 bool valid_account_name(std::string_view name) {
     if (name.empty() || name.size() > 32 || name.front() < 'a' || name.front() > 'z') return false;
     return std::all_of(name.begin(), name.end(), [](char c) {
-        return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '.' ||
-               c == '-';
+        return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '.' || c == '-';
     });
 }
 
 bool valid_password(std::string_view password) {
     return password.size() >= 8 && password.size() <= 128 &&
-           std::all_of(password.begin(), password.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
+           std::all_of(password.begin(), password.end(),
+                       [](char c) { return c >= 0x20 && c < 0x7f; });
 }
 
 std::string Accounts::default_path() {
@@ -199,8 +197,9 @@ bool Accounts::load(const std::string& path, std::string* error) {
         const std::size_t first = line.find(':');
         const std::size_t second = line.find(':', first + 1);
         const std::optional<Role> role =
-            second == std::string_view::npos ? std::nullopt
-                                             : role_from_name(line.substr(first + 1, second - first - 1));
+            second == std::string_view::npos
+                ? std::nullopt
+                : role_from_name(line.substr(first + 1, second - first - 1));
         if (!role || !valid_account_name(line.substr(0, first))) {
             *error = path + " holds a malformed line";
             accounts_.clear();
@@ -215,7 +214,8 @@ bool Accounts::load(const std::string& path, std::string* error) {
 bool Accounts::save(const std::string& path, std::string* error) const {
     std::string text;
     for (const Account& account : accounts_) {
-        text += account.name + ":" + std::string(role_name(account.role)) + ":" + account.hash + "\n";
+        text +=
+            account.name + ":" + std::string(role_name(account.role)) + ":" + account.hash + "\n";
     }
     struct stat dir {};
     if (stat(directory_of(path).c_str(), &dir) != 0 ||
@@ -290,8 +290,9 @@ std::string random_password() {
 std::string hash_password(std::string_view password) {
     const std::string entropy = random_bytes(16);
     char setting[CRYPT_GENSALT_OUTPUT_SIZE];
-    if (entropy.empty() || crypt_gensalt_rn("$6$", 0, entropy.data(), static_cast<int>(entropy.size()),
-                                            setting, sizeof setting) == nullptr) {
+    if (entropy.empty() ||
+        crypt_gensalt_rn("$6$", 0, entropy.data(), static_cast<int>(entropy.size()), setting,
+                         sizeof setting) == nullptr) {
         return {};
     }
     auto data = std::make_unique<crypt_data>();
@@ -498,9 +499,8 @@ void audit(AuditKind kind, bool failure, std::string_view text) {
     std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
     const Fd fd(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     // Never waits: a syslog daemon that is behind must not hold up the page.
-    if (fd.get() < 0 ||
-        sendto(fd.get(), message.data(), message.size(), MSG_DONTWAIT,
-               reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
+    if (fd.get() < 0 || sendto(fd.get(), message.data(), message.size(), MSG_DONTWAIT,
+                               reinterpret_cast<const sockaddr*>(&address), sizeof address) < 0) {
         // No syslog, or it is behind: the web server's error log gets it.
         std::fprintf(stderr, "%s\n", message.c_str());
     }

@@ -117,9 +117,9 @@ class LoginThrottle {
 // directory only as its SHA-256 (a reader of the directory cannot use it).
 struct Session {
     std::string user;
-    std::string csrf;   // the anti-CSRF token of the session's pages
-    std::string salt;   // the salt of the password at login: a new password ends it
-    long expires = 0;   // seconds since the epoch
+    std::string csrf;  // the anti-CSRF token of the session's pages
+    std::string salt;  // the salt of the password at login: a new password ends it
+    long expires = 0;  // seconds since the epoch
 };
 inline constexpr const char* kSessionCookie = "tx416_session";
 inline constexpr long kSessionSeconds = 8 * 3600;

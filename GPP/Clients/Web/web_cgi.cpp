@@ -261,8 +261,8 @@ bool write_all(int fd, std::string_view text) {
 bool write_answer(int fd, const Answer& answer) {
     char head[256];
     std::snprintf(head, sizeof head,
-                  "Status: %d %s\r\nContent-Type: %s\r\nCache-Control: no-store\r\n",
-                  answer.status, reason_of(answer.status), answer.content_type.c_str());
+                  "Status: %d %s\r\nContent-Type: %s\r\nCache-Control: no-store\r\n", answer.status,
+                  reason_of(answer.status), answer.content_type.c_str());
     return write_all(fd, head) && write_all(fd, answer.headers) && write_all(fd, "\r\n") &&
            write_all(fd, answer.body);
 }
@@ -280,7 +280,8 @@ HttpRequest HttpRequest::from_environment() {
     request.authorization = env("HTTP_AUTHORIZATION");
     request.csrf_header = env("HTTP_X_CSRF_TOKEN");
     request.from_browser = !request.origin.empty() || !request.sec_fetch_site.empty() ||
-                           !env("HTTP_SEC_FETCH_MODE").empty() || !env("HTTP_SEC_FETCH_DEST").empty();
+                           !env("HTTP_SEC_FETCH_MODE").empty() ||
+                           !env("HTTP_SEC_FETCH_DEST").empty();
     return request;
 }
 
@@ -302,8 +303,8 @@ std::optional<Answer> check_origin(const HttpRequest& request) {
     }
     if (!request.sec_fetch_site.empty() && request.sec_fetch_site != "same-origin" &&
         request.sec_fetch_site != "none") {
-        return error_answer(403, "request from another site (Sec-Fetch-Site " +
-                                     request.sec_fetch_site + ")");
+        return error_answer(
+            403, "request from another site (Sec-Fetch-Site " + request.sec_fetch_site + ")");
     }
     return std::nullopt;
 }
@@ -324,7 +325,9 @@ std::optional<Answer> authenticate(const HttpRequest& request, Caller* caller) {
     Answer refused = error_answer(401, "log in first");
     // Only a script is asked for credentials: a browser goes to the login
     // page, instead of a dialog of its own.
-    if (!request.from_browser) refused.headers = header_line("WWW-Authenticate", "Basic realm=\"TX-416\", charset=\"UTF-8\"");
+    if (!request.from_browser)
+        refused.headers =
+            header_line("WWW-Authenticate", "Basic realm=\"TX-416\", charset=\"UTF-8\"");
     if (!request.authorization.starts_with("Basic ")) return refused;
     const std::optional<std::string> pair = base64_decode(request.authorization.substr(6));
     const std::size_t colon = pair ? pair->find(':') : std::string::npos;
@@ -332,8 +335,9 @@ std::optional<Answer> authenticate(const HttpRequest& request, Caller* caller) {
     const std::string user = pair->substr(0, colon);
     LoginThrottle throttle(request.remote_addr);
     if (const long wait = throttle.wait_seconds(); wait > 0) {
-        Answer slowed = error_answer(429, "too many failed logins from this address: try again in " +
-                                              std::to_string(wait) + " s");
+        Answer slowed =
+            error_answer(429, "too many failed logins from this address: try again in " +
+                                  std::to_string(wait) + " s");
         slowed.headers = header_line("Retry-After", std::to_string(wait));
         return slowed;
     }
@@ -351,15 +355,14 @@ std::optional<Answer> authenticate(const HttpRequest& request, Caller* caller) {
 
 std::optional<Answer> check_post(const HttpRequest& request, const Caller& caller,
                                  std::string_view form) {
-    const std::string_view type = std::string_view(request.content_type).substr(
-        0, request.content_type.find(';'));
+    const std::string_view type =
+        std::string_view(request.content_type).substr(0, request.content_type.find(';'));
     if (type != kFormType) {
         return error_answer(415, "a POST takes a form (application/x-www-form-urlencoded)");
     }
     if (!request.from_browser && caller.session.empty()) return std::nullopt;
-    const std::string token = request.csrf_header.empty()
-                                  ? form_field(form, "csrf").value_or("")
-                                  : request.csrf_header;
+    const std::string token =
+        request.csrf_header.empty() ? form_field(form, "csrf").value_or("") : request.csrf_header;
     if (caller.csrf.empty() || !same_secret(token, caller.csrf)) {
         return error_answer(403, "the page's token is missing or wrong: reload the page");
     }
@@ -435,8 +438,8 @@ Answer CommandRequest::run_line(const HttpRequest& http, const Caller& caller,
     if (line.size() < 2) return error_answer(400, kSyntaxError);
     Verdict verdict = judge_line(line, caller.role);
     if (verdict.help) {
-        const std::string_view topic =
-            std::string_view(line).substr(tx::grammar::builtin_name(tx::grammar::Builtin::help).size());
+        const std::string_view topic = std::string_view(line).substr(
+            tx::grammar::builtin_name(tx::grammar::Builtin::help).size());
         return Answer{200, "application/json",
                       "{\"line\": " + json_string(line) +
                           ", \"reply\": " + json_string(help_text(topic)) + "}",
@@ -520,7 +523,8 @@ Answer CommandRequest::exchange(const std::string& line, const char* request) {
     char shown[kDisplayLen] = {};
     format_message(tx::field_view(reply.text), shown);
     return Answer{200, "application/json",
-                  "{\"line\": " + json_string(line) + ", \"reply\": " + json_string(shown) + "}", ""};
+                  "{\"line\": " + json_string(line) + ", \"reply\": " + json_string(shown) + "}",
+                  ""};
 }
 
 bool CommandRequest::make_marker(long pid) {

@@ -81,8 +81,8 @@ struct HttpRequest {
 struct Caller {
     std::string user;
     Role role = Role::viewer;
-    std::string csrf;      // the session's token; empty with HTTP Basic
-    std::string session;   // the session cookie's token; empty with HTTP Basic
+    std::string csrf;     // the session's token; empty with HTTP Basic
+    std::string session;  // the session cookie's token; empty with HTTP Basic
 };
 
 // 421 unless Host names this device: a configured name (TX_WEB_HOSTS) or

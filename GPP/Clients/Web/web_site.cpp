@@ -22,7 +22,8 @@ std::string_view env(const char* name) {
 }
 
 Answer redirect(std::string_view location) {
-    return Answer{303, "text/plain; charset=utf-8", "", "Location: " + std::string(location) + "\r\n"};
+    return Answer{303, "text/plain; charset=utf-8", "",
+                  "Location: " + std::string(location) + "\r\n"};
 }
 
 std::string session_cookie(std::string_view token) {
@@ -142,8 +143,9 @@ Answer change_password(const HttpRequest& http) {
     if (!lock.held() || !accounts.load(path, &error)) return error_answer(503, error);
     const Account* account = accounts.find(caller.user);
     if (account == nullptr || !password_matches(old_password, account->hash)) {
-        audit(AuditKind::login, true,
-              "wrong password for a password change of " + caller.user + " from " + http.remote_addr);
+        audit(
+            AuditKind::login, true,
+            "wrong password for a password change of " + caller.user + " from " + http.remote_addr);
         return error_answer(403, "the current password is wrong");
     }
     Account changed = *account;
@@ -173,9 +175,10 @@ Answer page(const HttpRequest& http) {
     if (fd >= 0) close(fd);
     if (html.empty()) return error_answer(503, "the page " + path + " is missing");
     // Names, roles and tokens hold no character that HTML would take as markup.
-    for (const auto& [mark, value] : {std::pair<std::string_view, std::string_view>{"@USER@", caller.user},
-                                      {"@ROLE@", role_name(caller.role)},
-                                      {"@CSRF@", caller.csrf}}) {
+    for (const auto& [mark, value] :
+         {std::pair<std::string_view, std::string_view>{"@USER@", caller.user},
+          {"@ROLE@", role_name(caller.role)},
+          {"@CSRF@", caller.csrf}}) {
         for (std::size_t at = html.find(mark); at != std::string::npos; at = html.find(mark, at)) {
             html.replace(at, mark.size(), value);
             at += value.size();

@@ -27,9 +27,10 @@ using tx::web::Account;
 using tx::web::Accounts;
 
 int usage() {
-    std::cerr << "usage: tx416-webuser [--accounts FILE] init | add NAME ROLE [--password-stdin] |\n"
-                 "       passwd NAME [--password-stdin] | role NAME ROLE | remove NAME | list\n"
-                 "ROLE: admin, operator or viewer\n";
+    std::cerr
+        << "usage: tx416-webuser [--accounts FILE] init | add NAME ROLE [--password-stdin] |\n"
+           "       passwd NAME [--password-stdin] | role NAME ROLE | remove NAME | list\n"
+           "ROLE: admin, operator or viewer\n";
     return 2;
 }
 
