@@ -310,12 +310,20 @@ class HttpTest(unittest.TestCase):
         self.assertEqual(request('POST', '/cgi-bin/logout', f'csrf={token}', None, session)[0], 303)
         self.assertEqual(set_mute({**session, 'X-CSRF-Token': token})[0], 401)
 
-        # Failed logins are logged and slow the next try from the same address down.
-        PASSWORDS['nobody'] = 'wrong-password'
-        self.assertEqual(command('get mute', user='nobody')[0], 401)
+        # A new password takes effect at once and ends the sessions of the old one.
+        status, headers, _ = request('POST', '/cgi-bin/login', f'user=viewer&password={PASSWORDS["viewer"]}', None)
+        session = {'Cookie': headers['Set-Cookie'].split(';')[0]}
+        token = re.search(r'content="([0-9a-f]{64})"', request('GET', '/', None, None, session)[2].decode()).group(1)
+        change = f'old={PASSWORDS["viewer"]}&new=another-secret&csrf={token}'
+        self.assertEqual(request('POST', '/cgi-bin/password', change, None, session)[2],
+                         {'reply': 'password changed: log in again'})
+        self.assertEqual(request('GET', '/cgi-bin/command?cmd=get+mute', None, None, session)[0], 401)
+        # The old password is now a failed login: logged, and the next try from this address waits.
+        self.assertEqual(command('get mute', user='viewer')[0], 401)
         self.assertEqual(command('get mute')[0], 429)
-        self.assertTrue(any('failed login as "nobody" from 127.0.0.1' in l for l in audit_lines()))
-        self.assertTrue(until(lambda: command('get mute')[0] == 200, 3))
+        self.assertTrue(any('failed login as "viewer" from 127.0.0.1' in l for l in audit_lines()))
+        PASSWORDS['viewer'] = 'another-secret'
+        self.assertTrue(until(lambda: command('get mute', user='viewer')[0] == 200, 3))
 
     def test_streams_that_stall_or_close_take_nothing_from_the_others(self):
         until(lambda: streams() == 0, 5)  # the pages of other tests are gone
