@@ -301,8 +301,10 @@ std::optional<Answer> check_origin(const HttpRequest& request) {
     if (!request.origin.empty() && request.origin != "https://" + request.host) {
         return error_answer(403, "request from another site (Origin " + request.origin + ")");
     }
-    if (!request.sec_fetch_site.empty() && request.sec_fetch_site != "same-origin" &&
-        request.sec_fetch_site != "none") {
+    // A link from another site may lead to the page (without the session
+    // cookie, which stays with same-site requests): only a GET, which never acts.
+    if (request.method != "GET" && !request.sec_fetch_site.empty() &&
+        request.sec_fetch_site != "same-origin" && request.sec_fetch_site != "none") {
         return error_answer(
             403, "request from another site (Sec-Fetch-Site " + request.sec_fetch_site + ")");
     }

@@ -88,7 +88,8 @@ struct Caller {
 // 421 unless Host names this device: a configured name (TX_WEB_HOSTS) or
 // the address the request came in on.
 std::optional<Answer> check_host(const HttpRequest& request);
-// 403 when Origin or Sec-Fetch-Site tell of another site.
+// 403 when Origin, or for anything but a GET Sec-Fetch-Site, tells of
+// another site.
 std::optional<Answer> check_origin(const HttpRequest& request);
 // A session cookie, or HTTP Basic credentials (failures slowed down per
 // address and logged). 401 (or 429 while slowed down) otherwise.

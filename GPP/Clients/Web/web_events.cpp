@@ -198,7 +198,15 @@ int fan_out_events() {
         }
         told = false;
         pollfd fds{fd, POLLIN, 0};
-        if (poll(&fds, 1, kRetryMs) <= 0) continue;
+        if (poll(&fds, 1, kRetryMs) <= 0) {
+            // Someone removed the pipe: cgiconn can no longer find it.
+            struct stat st {};
+            if (fstat(fd, &st) != 0 || st.st_nlink == 0) {
+                close(fd);
+                fd = -1;
+            }
+            continue;
+        }
         char record[CGI_LINE_LEN];
         while (read(fd, record, sizeof record) == static_cast<ssize_t>(sizeof record)) {
             pass_on(*dir, record);
