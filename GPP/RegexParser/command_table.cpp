@@ -12,7 +12,7 @@
 // the rest of the line. Texts that may hold blanks (names, passwords, rules,
 // date and time) are one word or one double-quoted group, which the tokenizer
 // joins into a single value; addresses, paths and URLs are one word.
-#include "regexparser.hpp"
+#include "handlers.hpp"
 
 using namespace tx::grammar;
 

@@ -11,11 +11,6 @@ namespace tx::grammar {
 
 namespace {
 
-// The handlers of VoIP settings refuse every use on a device without VoIP.
-bool voip_setting(const command_entry& row) {
-    return row.handler == handle_get_voip || row.handler == handle_set_voip;
-}
-
 // Lines with more words than this are long past anything a row spells out.
 constexpr std::size_t kMaxWords = 16;
 
@@ -100,7 +95,7 @@ Completer::Completer(uid_t uid, bool voip_capable) {
     for (const RowWords& row : builtins_) entries_.push_back({&row, nullptr});
     for (std::size_t i = 0; i < rows.size(); ++i) {
         const command_entry& row = command_table[i];
-        if (row_allowed(row, uid) && (voip_capable || !voip_setting(row))) {
+        if (row_allowed(row, uid) && (voip_capable || !voip_only(row))) {
             entries_.push_back({&rows[i], row.help});
         }
     }

@@ -1,21 +1,23 @@
 // The command handlers: each turns a line accepted by its table row into a
-// request record. They never send; refusals are printed here and leave an
-// empty action, and the caller still renders and sends the record.
+// request record. They never send and never print: a refusal is the match's
+// refusal text and leaves an empty action, and the caller decides what to
+// show and whether to send the record anyway.
+#include "handlers.hpp"
+
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <span>
 #include <string>
 #include <string_view>
 
 #include "fixed_text.hpp"
-#include "os_cmdline.hpp"
 #include "property_map.hpp"
-#include "regexparser.hpp"
 #include "tokens.hpp"
 
 namespace {
 
+using tx::grammar::Caller;
+using tx::grammar::Match;
 using tx::grammar::TokenList;
 
 // Call and line ids that exist only on a VoIP-capable device.
@@ -43,18 +45,28 @@ void set_slot(RequestRecord& r, std::size_t slot, std::string_view name, std::st
     set_text(r.values.slots[slot].value, value);
 }
 
-void print_voip_refusal() {
-    std::puts("val voip-capable 0");
+constexpr std::string_view kVoipRefusal = "val voip-capable 0";
+
+// The record a handler fills, and what it needs to refuse the line.
+struct Filling {
+    RequestRecord& r;
+    std::string& refusal;
+    bool voip;
+};
+
+// The action is emptied; the handler stops there.
+void refuse(Filling& f, std::string_view why) {
+    f.refusal = why;
+    f.r.action[0] = '\0';
 }
 
-// On a device without VoIP, a command naming one of `ids` in `id` is refused:
-// the action is emptied and the handler stops. True when refused.
-bool refused_voip_id(RequestRecord& r, std::string_view id, std::string_view ids = kVoipIds) {
-    if (id.find_first_of(ids) == std::string_view::npos || tx::grammar::voip_capable() != 0) {
+// On a device without VoIP, a command naming one of `ids` in `id` is refused.
+// True when refused.
+bool refused_voip_id(Filling& f, std::string_view id, std::string_view ids = kVoipIds) {
+    if (f.voip || id.find_first_of(ids) == std::string_view::npos) {
         return false;
     }
-    print_voip_refusal();
-    r.action[0] = '\0';
+    refuse(f, kVoipRefusal);
     return true;
 }
 
@@ -71,41 +83,40 @@ constexpr Opening with_action(std::string_view action) {
     return {false, false, action};
 }
 
-using Fill = void (*)(RequestRecord&, const TokenList&);
+using Fill = void (*)(Filling&, const TokenList&);
 
 // The opening every handler shares: a cleared record (no value), the line's
 // tokens and the action; `fill` does the rest. A refused VoIP-only command
 // leaves the record cleared.
-void open_and_fill(const char* line, std::size_t length, RequestRecord* record, Fill fill,
+void open_and_fill(std::string_view line, const Caller& caller, Match& match, Fill fill,
                    const Opening& opening = {}) {
-    if (record == nullptr) {
-        return;
-    }
-    *record = RequestRecord{};
-    if (opening.voip_only && tx::grammar::voip_capable() == 0) {
-        print_voip_refusal();
+    match.record = RequestRecord{};
+    Filling f{match.record, match.refusal, caller.voip};
+    if (opening.voip_only && !caller.voip) {
+        f.refusal = kVoipRefusal;
         return;
     }
     // regexec stops at the first NUL, so the handlers do too.
-    const std::string_view text =
-        line != nullptr ? std::string_view(line, strnlen(line, length)) : std::string_view{};
+    line = line.substr(0, line.find('\0'));
     TokenList t;
     if (opening.plain) {
-        tx::grammar::split_plain_tokens(text, t);
+        tx::grammar::split_plain_tokens(line, t);
     } else {
-        tx::grammar::split_command_tokens(text, t);
+        tx::grammar::split_command_tokens(line, t);
     }
-    set_text(record->action, opening.action.empty() ? t.at(0) : opening.action);
-    fill(*record, t);
+    set_text(f.r.action, opening.action.empty() ? t.at(0) : opening.action);
+    fill(f, t);
 }
 
-void fill_nothing(RequestRecord&, const TokenList&) {}
+void fill_nothing(Filling&, const TokenList&) {}
 
-void fill_property(RequestRecord& r, const TokenList& t) {
+void fill_property(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     set_property_of(r, t.at(1));
 }
 
-void fill_property_value(RequestRecord& r, const TokenList& t) {
+void fill_property_value(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     set_property_of(r, t.at(1));
     set_single(r, t.at(2));
 }
@@ -122,7 +133,8 @@ std::string joined(const TokenList& t, std::size_t last) {
 
 // Seven image values, or three of pan, tilt and zoom; anything shorter sends
 // an empty value.
-void fill_multi(RequestRecord& r, const TokenList& t) {
+void fill_multi(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     set_property_of(r, t.at(1));
     std::size_t present = 2;
     while (t.has(present)) {
@@ -131,20 +143,21 @@ void fill_multi(RequestRecord& r, const TokenList& t) {
     set_single(r, present > 8 ? joined(t, 8) : present > 4 ? joined(t, 4) : "");
 }
 
-void fill_mic_get(RequestRecord& r, const TokenList& t) {
+void fill_mic_get(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     set_property_of(r, t.at(1));
     // One external microphone: id 1, also when none is given.
     if (t.has(2) && t.at(2) != "1") {
-        std::puts("command syntax error");
-        r.action[0] = '\0';
+        refuse(f, tx::grammar::kSyntaxError);
         return;
     }
     set_text(r.target, "1");
 }
 
-void fill_call_info(RequestRecord& r, const TokenList& t) {
+void fill_call_info(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     set_property_of(r, t.at(1));
-    if (refused_voip_id(r, t.at(2))) {
+    if (refused_voip_id(f, t.at(2))) {
         return;
     }
     set_text(r.target, t.at(2));
@@ -158,14 +171,15 @@ void fill_call_info(RequestRecord& r, const TokenList& t) {
     }
 }
 
-void fill_swap(RequestRecord& r, const TokenList& t) {
+void fill_swap(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     r.value_mode = REQUEST_MODE_LIST;
     set_slot(r, 0, "source-call", t.at(1));
     if (t.has(2)) {
         set_slot(r, 1, "target-call", t.at(2));
     }
     // Refused with both ids in view, and then nothing of the record is kept.
-    if (refused_voip_id(r, std::string(t.at(1)).append(t.at(2)))) {
+    if (refused_voip_id(f, std::string(t.at(1)).append(t.at(2)))) {
         r = RequestRecord{};
     }
 }
@@ -174,12 +188,13 @@ void fill_swap(RequestRecord& r, const TokenList& t) {
 constexpr std::array<std::size_t, 4> kJoinIdSlots = {1, 3, 5, 7};
 constexpr std::array<std::string_view, 4> kJoinCalls = {"1", "2", "usb", "bt"};
 
-void fill_join(RequestRecord& r, const TokenList& t) {
+void fill_join(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     std::string ids;
     for (std::size_t slot : kJoinIdSlots) {
         ids += t.at(slot);
     }
-    if (refused_voip_id(r, ids, kJoinVoipIds)) {
+    if (refused_voip_id(f, ids, kJoinVoipIds)) {
         return;
     }
     std::array<std::string_view, kJoinCalls.size()> mix = {"0", "0", "0", "0"};
@@ -191,8 +206,7 @@ void fill_join(RequestRecord& r, const TokenList& t) {
             }
         }
         if (seen[i] > 1) {
-            std::puts("command syntax error - duplicate lines");
-            r.action[0] = '\0';
+            refuse(f, "command syntax error - duplicate lines");
             return;
         }
     }
@@ -202,7 +216,8 @@ void fill_join(RequestRecord& r, const TokenList& t) {
     }
 }
 
-void fill_source_target(RequestRecord& r, const TokenList& t) {
+void fill_source_target(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     r.value_mode = REQUEST_MODE_LIST;
     if (t.has(1)) {
         set_slot(r, 0, "source-call", t.at(1));
@@ -231,7 +246,8 @@ constexpr std::array<CameraStep, 6> kCameraSteps = {{
 
 // The action names the direction: each handler knows the steps of its own
 // direction only, and an unknown word leaves property and value empty.
-void fill_camera_step(RequestRecord& r, const TokenList& t) {
+void fill_camera_step(Filling& f, const TokenList& t) {
+    RequestRecord& r = f.r;
     r.value_mode = REQUEST_MODE_SINGLE;
     for (const CameraStep& step : kCameraSteps) {
         if (step.action == tx::field_view(r.action) && step.command == t.at(0)) {
@@ -243,164 +259,159 @@ void fill_camera_step(RequestRecord& r, const TokenList& t) {
 
 }  // namespace
 
-void handle_get(const char* line, std::size_t length, RequestRecord* record, const command_entry*) {
-    open_and_fill(line, length, record, fill_property);
+void handle_get(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_property);
 }
 
-void handle_get_voip(const char* line, std::size_t length, RequestRecord* record,
-                     const command_entry*) {
-    open_and_fill(line, length, record, fill_property, kVoipOnly);
+void handle_get_voip(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_property, kVoipOnly);
 }
 
-void handle_set(const char* line, std::size_t length, RequestRecord* record, const command_entry*) {
-    open_and_fill(line, length, record, fill_property_value);
+void handle_set(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_property_value);
 }
 
-void handle_set_voip(const char* line, std::size_t length, RequestRecord* record,
-                     const command_entry*) {
-    open_and_fill(line, length, record, fill_property_value, kVoipOnly);
+void handle_set_voip(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_property_value, kVoipOnly);
 }
 
-void handle_set_plain(const char* line, std::size_t length, RequestRecord* record,
-                      const command_entry*) {
-    open_and_fill(line, length, record, fill_property_value, kPlainTokens);
+void handle_set_plain(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_property_value, kPlainTokens);
 }
 
-void handle_set_as_report(const char* line, std::size_t length, RequestRecord* record,
-                          const command_entry*) {
+void handle_set_as_report(std::string_view line, const Caller& caller, Match& match) {
     // The device applies these settings when it reports them.
-    open_and_fill(line, length, record, fill_property_value, with_action("report"));
+    open_and_fill(line, caller, match, fill_property_value, with_action("report"));
 }
 
-void handle_set_multi(const char* line, std::size_t length, RequestRecord* record,
-                      const command_entry*) {
-    open_and_fill(line, length, record, fill_multi);
+void handle_set_multi(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_multi);
 }
 
-void handle_line_value(const char* line, std::size_t length, RequestRecord* record,
-                       const command_entry*) {
-    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+void handle_line_value(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
         set_property_of(r, t.at(1));
-        if (!refused_voip_id(r, t.at(2))) {
+        if (!refused_voip_id(f, t.at(2))) {
             set_text(r.target, t.at(2));
             set_single(r, t.at(3));
         }
     });
 }
 
-void handle_mic_report(const char* line, std::size_t length, RequestRecord* record,
-                       const command_entry*) {
-    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+void handle_mic_report(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
         set_property_of(r, t.at(1));
         set_text(r.target, t.at(2));
         set_single(r, t.at(3));
     });
 }
 
-void handle_mic_get(const char* line, std::size_t length, RequestRecord* record,
-                    const command_entry*) {
-    open_and_fill(line, length, record, fill_mic_get);
+void handle_mic_get(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_mic_get);
 }
 
-void handle_line_get(const char* line, std::size_t length, RequestRecord* record,
-                     const command_entry*) {
-    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+void handle_line_get(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
         set_property_of(r, t.at(1));
-        if (!refused_voip_id(r, t.at(2))) {
+        if (!refused_voip_id(f, t.at(2))) {
             set_text(r.target, t.at(2));
         }
     });
 }
 
-void handle_reset_setting(const char* line, std::size_t length, RequestRecord* record,
-                          const command_entry*) {
-    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+void handle_reset_setting(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
         set_property_of(r, t.at(1));
         set_text(r.target, t.at(2));
     });
 }
 
-void handle_call_info_report(const char* line, std::size_t length, RequestRecord* record,
-                             const command_entry*) {
-    open_and_fill(line, length, record, fill_call_info);
+void handle_call_info_report(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_call_info);
 }
 
-void handle_call_action(const char* line, std::size_t length, RequestRecord* record,
-                        const command_entry*) {
-    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
-        if (!refused_voip_id(r, t.at(1))) {
+void handle_call_action(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
+        if (!refused_voip_id(f, t.at(1))) {
             set_text(r.target, t.at(1));
         }
     });
 }
 
-void handle_dial(const char* line, std::size_t length, RequestRecord* record,
-                 const command_entry*) {
-    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
-        if (!refused_voip_id(r, t.at(1))) {
+void handle_dial(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
+        if (!refused_voip_id(f, t.at(1))) {
             set_text(r.target, t.at(1));
             set_single(r, t.at(2));
         }
     });
 }
 
-void handle_swap(const char* line, std::size_t length, RequestRecord* record,
-                 const command_entry*) {
-    open_and_fill(line, length, record, fill_swap);
+void handle_swap(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_swap);
 }
 
-void handle_transfer(const char* line, std::size_t length, RequestRecord* record,
-                     const command_entry* row) {
-    handle_swap(line, length, record, row);
+void handle_transfer(std::string_view line, const Caller& caller, Match& match) {
+    handle_swap(line, caller, match);
 }
 
-void handle_join(const char* line, std::size_t length, RequestRecord* record,
-                 const command_entry*) {
-    open_and_fill(line, length, record, fill_join);
+void handle_join(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_join);
 }
 
-void handle_source_target(const char* line, std::size_t length, RequestRecord* record,
-                          const command_entry*) {
-    open_and_fill(line, length, record, fill_source_target);
+void handle_source_target(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_source_target);
 }
 
-void handle_property_value(const char* line, std::size_t length, RequestRecord* record,
-                           const command_entry*) {
+void handle_property_value(std::string_view line, const Caller& caller, Match& match) {
     // The property is the word as typed, not a mapped name.
-    open_and_fill(line, length, record, [](RequestRecord& r, const TokenList& t) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
         set_text(r.property, t.at(1));
         set_single(r, t.at(2));
     });
 }
 
-void handle_property_only(const char* line, std::size_t length, RequestRecord* record,
-                          const command_entry*) {
-    open_and_fill(line, length, record,
-                  [](RequestRecord& r, const TokenList& t) { set_text(r.property, t.at(1)); });
+void handle_property_only(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
+        set_text(r.property, t.at(1));
+    });
 }
 
-void handle_single_arg(const char* line, std::size_t length, RequestRecord* record,
-                       const command_entry*) {
-    open_and_fill(line, length, record,
-                  [](RequestRecord& r, const TokenList& t) { set_single(r, t.at(1)); });
+void handle_single_arg(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, [](Filling& f, const TokenList& t) {
+        RequestRecord& r = f.r;
+        set_single(r, t.at(1));
+    });
 }
 
-void handle_word_only(const char* line, std::size_t length, RequestRecord* record,
-                      const command_entry*) {
-    open_and_fill(line, length, record, fill_nothing);
+void handle_word_only(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_nothing);
 }
 
-void handle_regnotify(const char* line, std::size_t length, RequestRecord* record,
-                      const command_entry*) {
-    open_and_fill(line, length, record, fill_nothing, with_action("client_register_notify"));
+void handle_regnotify(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_nothing, with_action("client_register_notify"));
 }
 
-void handle_cam_decrement(const char* line, std::size_t length, RequestRecord* record,
-                          const command_entry*) {
-    open_and_fill(line, length, record, fill_camera_step, with_action("decrement"));
+void handle_cam_decrement(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_camera_step, with_action("decrement"));
 }
 
-void handle_cam_increment(const char* line, std::size_t length, RequestRecord* record,
-                          const command_entry*) {
-    open_and_fill(line, length, record, fill_camera_step, with_action("increment"));
+void handle_cam_increment(std::string_view line, const Caller& caller, Match& match) {
+    open_and_fill(line, caller, match, fill_camera_step, with_action("increment"));
 }
+
+namespace tx::grammar {
+
+bool voip_only(const command_entry& row) noexcept {
+    return row.handler == handle_get_voip || row.handler == handle_set_voip;
+}
+
+}  // namespace tx::grammar

@@ -1,5 +1,6 @@
 // Matching a line against a command table, the key index that shortens the
 // scan, and the help listings.
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -34,6 +35,20 @@ std::size_t help_word_length(const char* p) noexcept {
     }
     return n;
 }
+
+// "bm64" and "hidden" are topics too, but the usage does not list them.
+constexpr std::string_view kHelpUsage =
+    "help usage:\n"
+    "\t help         prints all commands\n"
+    "\t help all     prints all commands\n"
+    "\t help audio   prints audio commands\n"
+    "\t help bt      prints bt commands\n"
+    "\t help ble     prints ble commands\n"
+    "\t help call    prints call commands\n"
+    "\t help cam     prints camera commands\n"
+    "\t help net     prints network commands\n"
+    "\t help sys     prints system commands\n"
+    "\t help voip    prints voip commands\n";
 
 constexpr TopicRange kAllTopics = {"all", kSys, kVoip};
 constexpr TopicRange kTopics[] = {
@@ -224,7 +239,8 @@ Matcher::Matcher(const command_entry* table)
 
 Matcher::~Matcher() = default;
 
-int Matcher::try_row(std::size_t row, const char* text, bool single_line) const {
+int Matcher::try_row(std::size_t row, const char* text, bool single_line,
+                     std::string& reports) const {
     const char* expr = table_[row].regex;
     if (expr == nullptr) {
         return REG_NOMATCH;
@@ -236,7 +252,10 @@ int Matcher::try_row(std::size_t row, const char* text, bool single_line) const 
     });
     if (c.rc != 0) {
         // Reported on every try, as if the row were compiled afresh each time.
-        std::printf("regcomp(%s) at %d returned %d\n", expr, static_cast<int>(row), c.rc);
+        char report[512];
+        std::snprintf(report, sizeof report, "regcomp(%s) at %d returned %d\n", expr,
+                      static_cast<int>(row), c.rc);
+        reports += report;
         return -1;
     }
     // With REG_NEWLINE a '^' also matches after an embedded newline, so the
@@ -247,52 +266,46 @@ int Matcher::try_row(std::size_t row, const char* text, bool single_line) const 
     return regexec(&c.re, text, 0, nullptr, 0);
 }
 
-const command_entry* Matcher::find(const char* line, std::size_t length, uid_t uid) const {
-    if (line == nullptr) {
-        return nullptr;
-    }
-    const int start = index_.lookup(line, length);
+const command_entry* Matcher::find(std::string_view line, uid_t uid, std::string& reports) const {
+    const int start = index_.lookup(line.data(), line.size());
     if (start < 0 || static_cast<std::size_t>(start) >= rows_) {
         return nullptr;
     }
-    // regexec needs a terminated text; the caller's line need not be one.
-    const std::string text(line, length);
+    // regexec needs a terminated text, and stops at the first NUL.
+    const std::string text(line.substr(0, line.find('\0')));
     const bool single_line = text.find('\n') == std::string::npos;
     for (std::size_t row = static_cast<std::size_t>(start); row < rows_; ++row) {
-        const int result = try_row(row, text.c_str(), single_line);
+        const int result = try_row(row, text.c_str(), single_line, reports);
         if (result == 0) {
             // A refused row ends the scan: later rows are not tried.
             return row_allowed(table_[row], uid) ? &table_[row] : nullptr;
         }
         if (result != REG_NOMATCH && result != -1) {
-            std::perror("Regular expression matching failed!");
+            reports += "Regular expression matching failed!: ";
+            reports += std::strerror(errno);
+            reports += '\n';
         }
     }
     return nullptr;
 }
 
-int Matcher::match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const {
-    if (record == nullptr) {
-        return 0;
+Match Matcher::match(std::string_view line, const Caller& caller) const {
+    Match m;
+    m.row = find(line, caller.uid, m.reports);
+    if (m.row != nullptr) {
+        m.row->handler(line, caller, m);
     }
-    *record = RequestRecord{};
-    const command_entry* row = find(line, length, uid);
-    if (row == nullptr) {
-        return 0;
-    }
-    row->handler(line, length, record, row);
-    return 1;
+    return m;
 }
 
-void print_help(const command_entry* table, const char* topic_text, uid_t uid) {
+std::string help_text(const command_entry* table, std::string_view topic_text, uid_t uid) {
     const std::size_t rows = count_rows(table);
     if (uid != 0) {
-        std::puts("command syntax error");
-        return;
+        return std::string(kSyntaxError) + "\n";
     }
 
     // The first blank-separated word of the topic text.
-    std::string_view topic = topic_text != nullptr ? std::string_view(topic_text) : "";
+    std::string_view topic = topic_text;
     const std::size_t begin = topic.find_first_not_of(' ');
     topic = begin == std::string_view::npos ? std::string_view{} : topic.substr(begin);
     topic = topic.substr(0, topic.find(' '));
@@ -306,40 +319,21 @@ void print_help(const command_entry* table, const char* topic_text, uid_t uid) {
             }
         }
         if (range == nullptr) {
-            print_help_usage();
-            return;
+            return std::string(kHelpUsage);
         }
     }
 
+    std::string text;
     for (std::size_t row = 0; row < rows; ++row) {
         const command_entry& e = table[row];
         if (e.help == nullptr || e.category == kRootUnlisted) {
             continue;
         }
         if (e.category >= range->low && e.category <= range->high) {
-            std::puts(e.help);
+            text.append(e.help).append("\n");
         }
     }
-    std::putchar('\n');
-}
-
-void print_help_usage() {
-    static constexpr const char* kUsage[] = {
-        "help usage:",
-        "\t help         prints all commands",
-        "\t help all     prints all commands",
-        "\t help audio   prints audio commands",
-        "\t help bt      prints bt commands",
-        "\t help ble     prints ble commands",
-        "\t help call    prints call commands",
-        "\t help cam     prints camera commands",
-        "\t help net     prints network commands",
-        "\t help sys     prints system commands",
-        "\t help voip    prints voip commands",
-    };
-    for (const char* line : kUsage) {
-        std::puts(line);
-    }
+    return text + "\n";
 }
 
 }  // namespace tx::grammar

@@ -1,7 +1,7 @@
-// Internals of the command matcher, open to the tests, the benchmark and the
-// fuzz driver: the key index, the matcher over any table and the help listing.
-// The public functions of regexparser.hpp are thin wrappers over these, bound
-// to command_table and the caller's uid.
+// Internals of the command matcher, open to the grammar's tests, the benchmark
+// and the fuzz driver: the key index, the matcher over any table and the help
+// listing. The public calls of regexparser.hpp are thin wrappers over these,
+// bound to command_table.
 #pragma once
 
 #include <regex.h>
@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -21,9 +22,6 @@ namespace tx::grammar {
 
 // Rows up to (not including) the first row whose handler is null.
 std::size_t count_rows(const command_entry* table) noexcept;
-
-// Whether `uid` may run the row: the hidden and the unlisted settings are root's.
-bool row_allowed(const command_entry& row, uid_t uid) noexcept;
 
 // Command keys ("get_mute", "dial") of a table, in row order.
 class CommandIndex {
@@ -65,21 +63,21 @@ class Matcher {
 
     // The row whose handler runs for the line on behalf of `uid`: the first
     // row from the key index position on that accepts it, or null when none
-    // does or that row is root-only and `uid` is not root.
-    const command_entry* find(const char* line, std::size_t length, uid_t uid) const;
+    // does or that row is root-only and `uid` is not root. Rows that could not
+    // be tried are reported into `reports`.
+    const command_entry* find(std::string_view line, uid_t uid, std::string& reports) const;
 
-    // 1 when a row accepted the line and its handler filled the cleared
-    // record, 0 otherwise (the record is then left cleared).
-    int match(const char* line, std::size_t length, RequestRecord* record, uid_t uid) const;
+    // The row found for the caller and what its handler made of the line.
+    Match match(std::string_view line, const Caller& caller) const;
 
-    int lookup(const char* line, std::size_t length) const { return index_.lookup(line, length); }
+    int lookup(std::string_view line) const { return index_.lookup(line.data(), line.size()); }
     std::size_t rows() const noexcept { return rows_; }
 
   private:
     struct Compiled;
     // 0 on a match, REG_NOMATCH, or another regexec error; -1 when the row's
-    // expression does not compile (already reported).
-    int try_row(std::size_t row, const char* text, bool single_line) const;
+    // expression does not compile (reported into `reports`).
+    int try_row(std::size_t row, const char* text, bool single_line, std::string& reports) const;
 
     const command_entry* table_;
     std::size_t rows_;
@@ -87,19 +85,11 @@ class Matcher {
     std::unique_ptr<Compiled[]> compiled_;
 };
 
-// The matcher over command_table used by regexparser_match.
+// The matcher over command_table used by match().
 const Matcher& command_matcher();
 
-// A help topic and the categories it lists.
-struct TopicRange {
-    std::string_view topic;
-    int low;
-    int high;
-};
-std::span<const TopicRange> help_topics() noexcept;
-
-// Help for `topic_text` (what followed "help" on the line) as seen by `uid`.
-void print_help(const command_entry* table, const char* topic_text, uid_t uid);
-void print_help_usage();
+// Help for `topic_text` (what followed "help" on the line) as seen by `uid`,
+// over any table.
+std::string help_text(const command_entry* table, std::string_view topic_text, uid_t uid);
 
 }  // namespace tx::grammar

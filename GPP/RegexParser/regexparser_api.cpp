@@ -1,7 +1,5 @@
-// The public face of the command grammar: the matcher, the key index and help
-// over command_table, on behalf of the calling user.
-#include <unistd.h>
-
+// The public face of the command grammar: the matcher and help over
+// command_table.
 #include "matcher_detail.hpp"
 #include "regexparser.hpp"
 
@@ -13,20 +11,16 @@ const Matcher& command_matcher() {
     return matcher;
 }
 
+Match match(std::string_view line, const Caller& caller) {
+    return command_matcher().match(line, caller);
+}
+
+std::string help_text(std::string_view topic_text, uid_t uid) {
+    return help_text(command_table, topic_text, uid);
+}
+
+std::span<const command_entry> command_rows() noexcept {
+    return {command_table, command_matcher().rows()};
+}
+
 }  // namespace tx::grammar
-
-int regexparser_match(const char* line, std::size_t length, RequestRecord* record) {
-    return tx::grammar::command_matcher().match(line, length, record, getuid());
-}
-
-int command_index_lookup(const char* line, std::size_t length) {
-    return tx::grammar::command_matcher().lookup(line, length);
-}
-
-void regexparser_help(const char* topic_text) {
-    tx::grammar::print_help(command_table, topic_text, getuid());
-}
-
-void regexparser_help_usage() {
-    tx::grammar::print_help_usage();
-}

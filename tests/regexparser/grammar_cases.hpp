@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-#include "os_cmdline.hpp"
+#include "osal.hpp"
 
 namespace grammar_test {
 

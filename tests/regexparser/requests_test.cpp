@@ -5,7 +5,7 @@
 #include <string>
 
 #include "grammar_cases.hpp"
-#include "matcher_detail.hpp"
+#include "regexparser.hpp"
 #include "tokens.hpp"
 #include "xml_messages.hpp"
 
@@ -16,14 +16,11 @@ using grammar_test::Case;
 TEST(Requests, EachLineGivesItsRequest) {
     for (const Case& c : grammar_test::read_cases("requests.txt")) {
         ASSERT_EQ(c.size(), 4u) << c[0];
-        const grammar_test::FakeCmdline cmdline(c[0] == "voip" ? "voip_capable=1" : "quiet");
-        RequestRecord record{};
-        testing::internal::CaptureStdout();
-        const tx::grammar::Matcher& matcher = tx::grammar::command_matcher();
-        EXPECT_EQ(matcher.match(c[1].c_str(), c[1].size(), &record, 0), 1) << c[1];
-        EXPECT_EQ(testing::internal::GetCapturedStdout(), c[2]) << c[1];
+        const tx::grammar::Match match = tx::grammar::match(c[1], {0, c[0] == "voip"});
+        EXPECT_NE(match.row, nullptr) << c[1];
+        EXPECT_EQ(match.refusal.empty() ? "" : match.refusal + "\n", c[2]) << c[1];
         std::array<char, 4096> xml{};
-        generate_xml_request(record, xml);
+        generate_xml_request(match.record, xml);
         EXPECT_EQ(std::string(xml.data()), c[3]) << c[1];
     }
 }

@@ -9,6 +9,8 @@
 #include <memory>
 #include <span>
 
+#include "regexparser.hpp"
+
 struct IpcChannel;
 
 // Size of the one-shot buffer made by "-c" and of the command loop's working
@@ -49,7 +51,7 @@ void cli_clear_roomcontrol();
 void cli_signal_handler(int signo);
 
 int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_command);
-int cli_send_command(const char* line, std::size_t length, uid_t uid);
+int cli_send_command(const char* line, std::size_t length, const tx::grammar::Caller& caller);
 
 void* cli_receiver_thread(void* cell);
 void* cli_keepalive_thread(void* unused);

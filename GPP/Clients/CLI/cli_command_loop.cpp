@@ -15,7 +15,7 @@
 #include "completion.hpp"
 #include "fixed_text.hpp"
 #include "ipc_channel.hpp"
-#include "os_cmdline.hpp"
+#include "osal.hpp"
 #include "regexparser.hpp"
 #include "xml_messages.hpp"
 
@@ -123,22 +123,26 @@ void cli_prompt_text(std::span<char> out) {
     out[i] = '\0';
 }
 
-int cli_send_command(const char* line, std::size_t length, uid_t uid) {
+int cli_send_command(const char* line, std::size_t length, const tx::grammar::Caller& caller) {
     // Stray keystrokes are not worth an error.
     if (length < 2) return 0;
 
-    RequestRecord record = {};
-    if (regexparser_match(line, length, &record) == 0) {
+    const tx::grammar::Match match = tx::grammar::match({line, length}, caller);
+    std::fputs(match.reports.c_str(), stdout);
+    if (match.row == nullptr) {
         char prompt[CLI_PROMPT_LEN] = {};
         cli_prompt_text(prompt);
-        std::printf("command syntax error\n\r%s", prompt);
+        std::printf("%s\n\r%s", tx::grammar::kSyntaxError.data(), prompt);
         std::fflush(stdout);
         return 0;
     }
+    // A refused line still goes out, with an empty action.
+    if (!match.refusal.empty()) std::puts(match.refusal.c_str());
+    const RequestRecord& record = match.record;
 
     char out[REQUEST_TEXT_LEN] = {};
     // The operator account's room-control mode must be undone when it leaves.
-    if (uid == CLI_OPERATOR_UID &&
+    if (caller.uid == CLI_OPERATOR_UID &&
         tx::field_view(record.property) == "sys.dialer-connection-mode" &&
         tx::field_view(record.action) == "set") {
         roomcontrol_active.store(tx::field_view(record.values.single) == "rc" ? 1 : 0);
@@ -155,7 +159,7 @@ int cli_send_command(const char* line, std::size_t length, uid_t uid) {
 }
 
 // One line of the loop: a built-in command, or a command for the connector.
-void run_line(Editor& editor, const char* line, uid_t uid) {
+void run_line(Editor& editor, const char* line, const tx::grammar::Caller& caller) {
     const std::string_view text{line};
     using tx::grammar::Builtin;
     switch (tx::grammar::classify_builtin(text)) {
@@ -169,19 +173,24 @@ void run_line(Editor& editor, const char* line, uid_t uid) {
             gl_echo_mode(editor.get(), contains(text, "1") ? 1 : 0);
             break;
         case Builtin::help:
-            regexparser_help(line + tx::grammar::builtin_name(Builtin::help).size());
+            std::fputs(tx::grammar::help_text(
+                           text.substr(tx::grammar::builtin_name(Builtin::help).size()), caller.uid)
+                           .c_str(),
+                       stdout);
             break;
         case Builtin::prompt:
             cli_set_prompt(contains(text, "1"));
             break;
         case Builtin::none:
-            cli_send_command(line, text.size(), uid);
+            cli_send_command(line, text.size(), caller);
             break;
     }
 }
 
 int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_command) {
     const uid_t uid = getuid();
+    // The device's model does not change while the client runs.
+    const tx::grammar::Caller caller{uid, osal_voip_capable()};
     Editor editor{new_GetLine(EDITOR_LINE_LEN, EDITOR_HISTORY_LEN)};
     if (!editor) return 1;
     GetLine* gl = editor.get();
@@ -190,7 +199,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
     for (const KeyBinding& binding : key_bindings) {
         gl_bind_keyseq(gl, GL_USER_KEY, binding.sequence, binding.action);
     }
-    CompletionHook completion{gl, tx::grammar::Completer(uid, tx::grammar::voip_capable() != 0)};
+    CompletionHook completion{gl, tx::grammar::Completer(uid, caller.voip)};
     gl_customize_completion(gl, &completion, complete_command);
     gl_echo_mode(gl, 0);
     if (uid == CLI_OPERATOR_UID) std::puts("Welcome to the TX-416 IP Management Interface\n");
@@ -218,7 +227,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
         char line[CLI_LINE_LEN] = {};
         const std::size_t copied = tx::copy_bounded(line, input);
         if (copied > 0) line[copied - 1] = '\0';
-        run_line(editor, line, uid);
+        run_line(editor, line, caller);
 
         if (last_pass) {
             gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);

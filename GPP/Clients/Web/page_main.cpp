@@ -18,7 +18,6 @@
 
 #include "completion.hpp"
 #include "fixed_text.hpp"
-#include "matcher_detail.hpp"
 #include "property_map.hpp"
 #include "regexparser.hpp"
 #include "web_cgi.hpp"

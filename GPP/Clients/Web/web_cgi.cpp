@@ -2,7 +2,6 @@
 #include "web_cgi.hpp"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -16,7 +15,8 @@
 #include "cgi_connector.hpp"
 #include "fixed_text.hpp"
 #include "ipc_channel.hpp"
-#include "matcher_detail.hpp"
+#include "osal.hpp"
+#include "regexparser.hpp"
 #include "xml_messages.hpp"
 
 namespace tx::web {
@@ -26,7 +26,7 @@ namespace {
 constexpr std::size_t kRequestTextLen = 256;
 constexpr std::size_t kDisplayLen = 512;
 constexpr const char* kSlotFile = "/tmp/cgi_slots.lock";
-constexpr const char* kSyntaxError = "command syntax error";
+constexpr std::string_view kSyntaxError = tx::grammar::kSyntaxError;
 
 std::string_view env(const char* name) {
     const char* value = std::getenv(name);
@@ -105,25 +105,16 @@ std::optional<std::string> read_form(Answer* failure) {
     return std::nullopt;
 }
 
-// What the matcher and the handlers print when they refuse a line goes to
-// standard output; here it is caught and becomes the error text.
+// The line as the operator account runs it, or why it may not be sent.
 std::optional<std::string> refusal_of(const std::string& line, RequestRecord* record) {
-    const int capture = memfd_create("refusal", 0);
-    std::fflush(stdout);
-    const int saved = dup(STDOUT_FILENO);
-    if (capture >= 0) dup2(capture, STDOUT_FILENO);
-    const int matched =
-        tx::grammar::command_matcher().match(line.data(), line.size(), record, kOperatorUid);
-    std::fflush(stdout);
-    dup2(saved, STDOUT_FILENO);
-    close(saved);
-    std::string printed(kRequestTextLen, '\0');
-    const ssize_t n = capture >= 0 ? pread(capture, printed.data(), printed.size(), 0) : 0;
-    if (capture >= 0) close(capture);
-    if (matched != 0 && record->action[0] != '\0') return std::nullopt;
-    printed.resize(n > 0 ? static_cast<std::size_t>(n) : 0);
-    printed = printed.substr(0, printed.find('\n'));
-    return printed.empty() ? kSyntaxError : printed;
+    const tx::grammar::Match match = tx::grammar::match(line, {kOperatorUid, osal_voip_capable()});
+    if (match.row == nullptr) return std::string(kSyntaxError);
+    // A refusal the console would still send, with an empty action, is an
+    // error here.
+    if (!match.refusal.empty()) return match.refusal;
+    if (match.record.action[0] == '\0') return std::string(kSyntaxError);
+    *record = match.record;
+    return std::nullopt;
 }
 
 void on_alarm(int) {}

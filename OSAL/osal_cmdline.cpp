@@ -1,7 +1,5 @@
 // Kernel command-line parameters, read from /proc/cmdline or, for a test rig or
 // a simulated device, from the file named by PLATFORM_CMDLINE.
-#include "os_cmdline.hpp"
-
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -10,6 +8,7 @@
 #include <string_view>
 
 #include "fixed_text.hpp"
+#include "osal.hpp"
 
 namespace {
 
@@ -75,14 +74,10 @@ int get_os_cmdline_param(const char* name, char* out, std::size_t capacity) {
     return -1;
 }
 
-namespace tx::grammar {
-
-int voip_capable() {
+bool osal_voip_capable() {
     char value[kVoipCapableLen] = {};
     if (get_os_cmdline_param("voip_capable", value, sizeof value) != 0) {
-        return 0;
+        return false;
     }
-    return std::atoi(value);
+    return std::atoi(value) != 0;
 }
-
-}  // namespace tx::grammar

@@ -159,3 +159,20 @@ int osal_net_close(int socket, const OsalNetAddress* address);
 long osal_net_receive_from(int socket, OsalNetAddress* address, void* buffer, std::size_t length);
 long osal_net_send_to(int socket, const OsalNetAddress* address, const void* buffer,
                       std::size_t length);
+
+// ------------------------------------------------------ kernel command line
+
+// The file read instead of /proc/cmdline when this environment variable names
+// one: a test rig or a simulated device has no kernel command line of its own.
+inline constexpr const char* kPlatformCmdlineEnv = "PLATFORM_CMDLINE";
+
+// Copies the value of the first parameter called `name` ("name=value" words)
+// into out, cut to capacity - 1 characters and terminated. Returns 0 when
+// found, -1 when the parameter is absent or the command line cannot be read
+// (out then empty).
+int get_os_cmdline_param(const char* name, char* out, std::size_t capacity);
+
+// Whether the device is a VoIP model: its voip_capable parameter as a decimal
+// number is not 0 (absent counts as 0). Read afresh on every call: a program
+// asks once, at its start, and hands the answer to the grammar.
+bool osal_voip_capable();
