@@ -18,7 +18,8 @@ rm -rf "$work"
 mkdir -p "$work"
 work=$(cd "$work" && pwd -P)
 fleet=$work/fleet
-export TX_FLEET_DIR=$fleet ANSIBLE_HOME=$work/ansible ANSIBLE_COLLECTIONS_PATH=$fleet/collections
+export TX_FLEET_DIR=$fleet ANSIBLE_HOME=$work/ansible ANSIBLE_SSH_CONTROL_PATH_DIR=$work/cp
+export ANSIBLE_COLLECTIONS_PATH=$fleet/collections
 export ANSIBLE_NOCOLOR=1
 
 "$root/tools/run-fleet" 3 > "$work/run-fleet.log" 2>&1 &

@@ -40,8 +40,9 @@ class ActionModule(ActionBase):
         except device.DeviceError as e:
             got = e.stdout
             result.update(failed=True, msg=to_text(e), rc=e.rc)
-            # The refused line itself did nothing.
-            acted = sent[:len(got) - (1 if e.rc == device.SYNTAX_STATUS else 0)]
+            # The line that stopped the batch did nothing.
+            stopped = e.rc in (device.SYNTAX_STATUS, device.TURNED_AWAY_STATUS)
+            acted = sent[:len(got) - (1 if stopped else 0)]
             result["changed"] = any(not device.is_query(l) for l in acted)
         replies = []
         pending = iter(got)

@@ -19,6 +19,7 @@ ARGUMENT_SPEC = dict(
     src=dict(type="str"),
     backup=dict(type="bool", default=False),
     backup_dir=dict(type="path"),
+    with_secrets=dict(type="bool", default=False),
 )
 
 
@@ -44,10 +45,9 @@ class ActionModule(ActionBase):
             return self._configure(result, args, wanted, task_vars or {})
         except device.DeviceError as e:
             result.update(failed=True, msg=to_text(e), rc=e.rc)
-            if e.rc == device.TXCONFIG_REFUSED:
-                # The others went on: the report names what took effect.
-                result["changes"] = device.changes(e.stdout)
-                result["changed"] = bool(result["changes"])
+            # Changes may have been made before txconfig stopped.
+            if isinstance(e.stdout, str):
+                self._report(result, device.report(e.stdout))
             return result
 
     def _wanted(self, args, task_vars):
@@ -62,24 +62,32 @@ class ActionModule(ActionBase):
                                 convert_data=False)
 
     def _configure(self, result, args, wanted, task_vars):
+        secrets = args["with_secrets"]
         before = None
         if args["backup"] or self._task.diff:
-            before = device.show(self)
+            before = device.show(self, with_secrets=secrets)
         if args["backup"]:
             result["backup_path"] = self._write_backup(before, args["backup_dir"], task_vars)
         if args["src"] is None and not args["lines"]:
             result["changed"] = False
             return result
 
-        updates = device.diff(self, wanted) if self._task.diff else None
-        result["changes"] = device.apply(self, wanted, self._task.check_mode)
-        result["changed"] = bool(result["changes"])
+        updates = device.diff(self, wanted, secrets) if self._task.diff else None
+        self._report(result, device.apply(self, wanted, self._task.check_mode, secrets))
         if updates is not None:
             result["updates"] = updates
             result["diff"] = dict(before=before, after=device.updated(before, updates),
                                   before_header="running configuration",
                                   after_header="wanted configuration")
         return result
+
+    @staticmethod
+    def _report(result, lines):
+        result["changes"] = [l for l in lines if device.took_effect(l)]
+        result["changed"] = bool(result["changes"])
+        not_taken = [l for l in lines if not device.took_effect(l)]
+        if not_taken:
+            result["not_taken"] = not_taken
 
     def _write_backup(self, text, backup_dir, task_vars):
         """Writes the configuration text to BACKUP_DIR/<host>.cfg (default:

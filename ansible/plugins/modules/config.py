@@ -55,10 +55,19 @@ options:
         A relative path is taken from the playbook's directory.
       - Defaults to C(backup/) in the playbook's directory.
     type: path
+  with_secrets:
+    description:
+      - Includes the settings that hold secrets (passwords, PINs, keys) in the
+        backup and the diff, and shows their values in the changes. For the
+        C(root) account only.
+      - Backups made without it cannot give the secrets back.
+    type: bool
+    default: false
 notes:
   - Check mode sends nothing and reports what would change.
   - Diff mode shows the device's configuration text before and after.
-  - Settings that hold secrets are left out of the backup and the diff.
+  - Settings that hold secrets are left out of the backup and the diff unless
+    C(with_secrets=true).
 attributes:
   check_mode:
     description: Reports what would change and sends nothing.
@@ -94,11 +103,17 @@ EXAMPLES = r"""
 
 RETURN = r"""
 changes:
-  description: One text per setting changed (or, in check mode, to be changed), old and new value.
+  description: One text per setting changed (in check mode, to be changed), old and new value.
   returned: when lines or src are given
   type: list
   elements: str
   sample: ["speaker-volume 9 -> 12"]
+not_taken:
+  description: The changes that the device did not take (it read back another value) or did not confirm; the task fails.
+  returned: when there are such changes
+  type: list
+  elements: str
+  sample: ["speaker-volume 9 -> 12: not taken, reads back 9"]
 updates:
   description: The C(set) lines that brought the device to the wanted configuration.
   returned: in diff mode

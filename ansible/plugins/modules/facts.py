@@ -12,8 +12,8 @@ short_description: Read a TX-416's settings as facts
 description:
   - Reads every setting that the login account may read and change
     (C(txconfig show --json)) and sets them as facts under
-    C(ansible_facts.tx416), by name, and for settings held per id (a VoIP line,
-    a microphone) by id. Values are exactly as the device gives them.
+    C(ansible_facts.tx416.settings), by name, and for settings held per id (a
+    VoIP line, a microphone) by id. Values are exactly as the device gives them.
   - Settings that hold secrets are left out.
   - Runs on the controller and reaches the device through the ordinary C(ssh)
     connection; the device needs no Python.
@@ -44,7 +44,7 @@ EXAMPLES = r"""
 
 - name: Show the speaker volume
   ansible.builtin.debug:
-    msg: "{{ ansible_facts.tx416['speaker-volume'] }}"
+    msg: "{{ ansible_facts.tx416.settings['speaker-volume'] }}"
 """
 
 RETURN = r"""
@@ -56,5 +56,17 @@ ansible_facts:
     tx416:
       description: The document that C(txconfig show --json) prints.
       type: dict
-      sample: {"speaker-volume": "9", "systemname": "Room 4"}
+      contains:
+        settings:
+          description: The values by setting name; a setting held per id maps each id to its value.
+          type: dict
+          sample: {"speaker-volume": "9", "systemname": "conference-room"}
+        secrets_left_out:
+          description: The names of the settings that hold secrets, left out.
+          type: list
+          elements: str
+        voip_left_out:
+          description: The names of the settings left out because the device has no VoIP.
+          type: list
+          elements: str
 """

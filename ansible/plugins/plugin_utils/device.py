@@ -20,8 +20,13 @@ REPLY_MARK = "::tx416-reply::"
 # account (and for a duplicate line), and what it greets the operator with.
 SYNTAX_ERROR = "command syntax error"
 OPERATOR_BANNER = "Welcome to the TX-416 IP Management Interface"
-# The batch stops at the first refused line with this status.
+# What `cli` prints when cliconn turns it away: all of its client sessions
+# are taken (the operator's cli cannot signal root's cliconn when it leaves,
+# so its sessions stay until they time out). The line was not sent.
+TURNED_AWAY = "terminate_client"
+# The batch stops at the first refused or turned-away line with these.
 SYNTAX_STATUS = 3
+TURNED_AWAY_STATUS = 4
 
 # txconfig's exit status: diff 1 = there are changes; 2 = error, nothing sent;
 # apply 3 = the device refused a line or read back another value.
@@ -47,9 +52,9 @@ def run(action, command, stdin=None):
     return res["rc"], res.get("stdout", ""), res.get("stderr", "")
 
 
-def txconfig(action, args, stdin=None):
-    command = " ".join(shlex.quote(a) for a in ["txconfig"] + list(args))
-    return run(action, command, stdin)
+def txconfig(action, args, stdin=None, with_secrets=False):
+    words = ["txconfig"] + list(args) + (["--with-secrets"] if with_secrets else [])
+    return run(action, " ".join(shlex.quote(w) for w in words), stdin)
 
 
 def failure_message(rc, stdout, stderr):
@@ -57,11 +62,12 @@ def failure_message(rc, stdout, stderr):
     return text or "exit status %d" % rc
 
 
-def show(action, json_format=False):
+def show(action, json_format=False, with_secrets=False):
     """The device's configuration text (or JSON text)."""
-    rc, out, err = txconfig(action, ["show", "--json"] if json_format else ["show"])
+    rc, out, err = txconfig(action, ["show"] + (["--json"] if json_format else []),
+                            with_secrets=with_secrets)
     if rc != 0:
-        raise DeviceError(failure_message(rc, out, err), rc, out)
+        raise DeviceError(failure_message(rc, out, err), rc)
     return out
 
 
@@ -82,25 +88,35 @@ def strip_comment(line):
     return line.rstrip()
 
 
-def diff(action, wanted):
-    """The `set` lines that would bring the device to `wanted`."""
-    rc, out, err = txconfig(action, ["diff", "-"], wanted)
+def diff(action, wanted, with_secrets=False):
+    """The `set` lines that would bring the device to `wanted` (a secret
+    that differs is a comment line without `with_secrets`)."""
+    rc, out, err = txconfig(action, ["diff", "-"], wanted, with_secrets)
     if rc not in (0, TXCONFIG_CHANGES):
-        raise DeviceError(failure_message(rc, out, err), rc, out)
+        raise DeviceError(failure_message(rc, out, err), rc)
     return [strip_comment(line) for line in out.splitlines() if line.startswith("set ")]
 
 
-def apply(action, wanted, check):
-    """Applies `wanted`; returns the changes, one text each. A refused line
-    raises DeviceError, with the changes that took effect in its stdout."""
-    rc, out, err = txconfig(action, ["apply", "-"] + (["--check"] if check else []), wanted)
+def apply(action, wanted, check, with_secrets=False):
+    """Applies `wanted` (`check`: only says what it would change); returns
+    apply's report, one line per change. When txconfig fails, DeviceError
+    carries the report of what it did in its stdout."""
+    args = ["apply"] + (["--check"] if check else []) + ["-"]
+    rc, out, err = txconfig(action, args, wanted, with_secrets)
     if rc != 0:
         raise DeviceError(failure_message(rc, out, err), rc, out)
-    return changes(out)
+    return report(out)
 
 
-def changes(text):
+def report(text):
     return [line.strip() for line in text.splitlines() if line.strip() and not line.startswith("#")]
+
+
+def took_effect(report_line):
+    """Whether a line of apply's report is a change that took effect
+    (`speaker-volume 9 -> 12`) rather than one the device did not take
+    (`...: not taken, reads back 9`) or did not confirm."""
+    return ": not taken, reads back " not in report_line and not report_line.endswith(": not confirmed")
 
 
 def _setting(line):
@@ -157,8 +173,10 @@ def command_batch(lines):
     steps = []
     for line in lines:
         steps.append(
-            "%s; echo '%s'; r=$(cli -c %s); printf '%%s\\n' \"$r\"; case $r in *'%s'*) exit %d;; esac"
-            % (CLICONN_GUARD, REPLY_MARK, shlex.quote(line), SYNTAX_ERROR, SYNTAX_STATUS))
+            "%s; echo '%s'; r=$(cli -c %s); printf '%%s\\n' \"$r\"; "
+            "case $r in *'%s'*) exit %d;; *'%s'*) exit %d;; esac"
+            % (CLICONN_GUARD, REPLY_MARK, shlex.quote(line), SYNTAX_ERROR, SYNTAX_STATUS,
+               TURNED_AWAY, TURNED_AWAY_STATUS))
     return "; ".join(steps)
 
 
@@ -173,12 +191,15 @@ def replies(stdout):
 
 
 def run_commands(action, lines):
-    """Runs `lines` with `cli`; returns their replies. A refused line raises
-    DeviceError naming it, with the replies up to it in its stdout."""
+    """Runs `lines` with `cli`; returns their replies. A refused or unsent
+    line raises DeviceError naming it, with the replies up to it in its stdout."""
     rc, out, err = run(action, command_batch(lines))
     got = replies(out)
     if rc == SYNTAX_STATUS and got:
         raise DeviceError("%s: %s" % (got[-1], lines[len(got) - 1]), rc, got)
+    if rc == TURNED_AWAY_STATUS and got:
+        raise DeviceError("not sent, all of cliconn's client sessions are taken: %s"
+                          % lines[len(got) - 1], rc, got)
     if rc != 0:
         raise DeviceError(failure_message(rc, out, err), rc, got)
     return got
