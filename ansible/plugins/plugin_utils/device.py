@@ -28,11 +28,10 @@ TURNED_AWAY = "terminate_client"
 SYNTAX_STATUS = 3
 TURNED_AWAY_STATUS = 4
 
-# txconfig's exit status: diff 1 = there are changes; 2 = error, nothing sent;
-# apply 3 = the device refused a line or read back another value.
+# txconfig's exit status besides 0 and 2 (an error): diff found changes;
+# apply made changes that did not all take effect.
 TXCONFIG_CHANGES = 1
-TXCONFIG_ERROR = 2
-TXCONFIG_REFUSED = 3
+TXCONFIG_NOT_TAKEN = 3
 
 
 class DeviceError(Exception):
@@ -119,14 +118,10 @@ def took_effect(report_line):
     return ": not taken, reads back " not in report_line and not report_line.endswith(": not confirmed")
 
 
-def _setting(line):
-    # The tokens that name the setting: `set`, the name and, for a setting
-    # held per id (a line, a microphone), the id; a value may hold blanks.
-    return line.split()
-
-
-def _same_setting_score(a, b):
-    ta, tb = _setting(a), _setting(b)
+def _leading_words_in_common(a, b):
+    # `set`, the name and, for a setting held per id (a line, a microphone),
+    # the id come first; the value may hold blanks.
+    ta, tb = a.split(), b.split()
     n = 0
     while n < min(len(ta), len(tb)) and ta[n] == tb[n]:
         n += 1
@@ -141,7 +136,7 @@ def updated(before, set_lines):
     for new in set_lines:
         best, best_score = None, 1  # more than `set`: the name at least
         for i, old in enumerate(lines):
-            score = _same_setting_score(old, new) if old.startswith("set ") else 0
+            score = _leading_words_in_common(old, new) if old.startswith("set ") else 0
             if score > best_score:
                 best, best_score = i, score
         if best is None:
@@ -169,7 +164,8 @@ def check_command_line(line):
 
 def command_batch(lines):
     """One shell command that runs each line through `cli -c` in turn, each
-    reply after a mark, and stops at the first line the grammar refuses."""
+    reply after a mark, and stops at the first line that the grammar refuses
+    or cliconn turns away."""
     steps = []
     for line in lines:
         steps.append(
