@@ -24,7 +24,7 @@ export ANSIBLE_NOCOLOR=1
 
 "$root/tools/run-fleet" 3 > "$work/run-fleet.log" 2>&1 &
 run_fleet=$!
-trap 'kill $run_fleet; wait $run_fleet || true' EXIT
+trap 'kill $run_fleet 2> /dev/null; wait $run_fleet || true' EXIT
 until [ -f "$fleet/inventory.ini" ]; do
     kill -0 $run_fleet 2> /dev/null || { cat "$work/run-fleet.log"; exit 1; }
     sleep 0.1
