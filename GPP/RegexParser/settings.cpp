@@ -62,7 +62,8 @@ std::vector<Setting> settings_of(std::span<const command_entry> rows, uid_t uid)
     for (const command_entry& row : rows) {
         RowWords words = row_words(row);
         if (is_verb_row(words, "get")) getters.push_back({&row, std::move(words)});
-        if (is_verb_row(words, "set") && words.words.size() >= 3) {
+        // A value follows the name: a word, or free text ("set dial-plan ...").
+        if (is_verb_row(words, "set") && (words.words.size() >= 3 || words.more)) {
             setters.push_back({&row, std::move(words)});
         }
     }

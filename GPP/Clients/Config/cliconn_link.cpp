@@ -7,6 +7,7 @@
 // request still waiting for its property and target.
 #include "cliconn_link.hpp"
 
+#include <dirent.h>
 #include <signal.h>
 #include <sys/msg.h>
 #include <sys/time.h>
@@ -30,7 +31,6 @@ namespace tx::config {
 namespace {
 
 constexpr std::size_t kInFlight = 16;
-constexpr std::size_t kRequestTextLen = 256;
 // How long one wait for an answer lasts before the connector is looked at.
 constexpr int kWaitSliceMs = 100;
 // How long a full queue is left to drain before a send is tried again.
@@ -38,7 +38,6 @@ constexpr int kSendRetryMs = 5;
 constexpr std::chrono::seconds kNoAnswerLimit{5};
 // The connector reads back at most five digits of a client's process id.
 constexpr pid_t kMaxRoutablePid = 99999;
-constexpr std::size_t kPidofLen = 256;
 
 volatile std::sig_atomic_t interrupt_signal = 0;
 
@@ -68,31 +67,53 @@ std::string reply_value(const RequestRecord& reply) {
 
 using Key = std::pair<std::string, std::string>;  // property, target
 
-Key key_of(const RequestRecord& record) {
-    return {std::string(field_view(record.property)), std::string(field_view(record.target))};
+}  // namespace
+
+namespace {
+
+// A process's name and state from /proc/PID/stat ("PID (NAME) STATE ..."),
+// false when it has gone.
+bool name_and_state(pid_t pid, std::string& name, char& state) {
+    char path[64] = {};
+    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    FILE* stat = std::fopen(path, "r");
+    if (stat == nullptr) return false;
+    char text[512] = {};
+    const std::size_t n = std::fread(text, 1, sizeof text - 1, stat);
+    std::fclose(stat);
+    const std::string_view fields(text, n);
+    const std::size_t open = fields.find('(');
+    const std::size_t close = fields.rfind(')');
+    if (open == std::string_view::npos || close == std::string_view::npos || close < open ||
+        close + 2 >= fields.size()) {
+        return false;
+    }
+    name = fields.substr(open + 1, close - open - 1);
+    state = fields[close + 2];
+    return true;
 }
 
 }  // namespace
 
+// What "pidof NAME" gives, without a shell and a program to run: the running
+// processes of that name (an emulated program too: its emulator is started
+// under the program's name). A zombie is as gone as a reaped process.
 std::vector<pid_t> pids_of(const char* name) {
-    char command[kPidofLen] = {};
-    std::snprintf(command, sizeof command, "pidof %s", name);
     std::vector<pid_t> pids;
-    FILE* pipe = popen(command, "r");
-    if (pipe == nullptr) return pids;
-    char line[kPidofLen] = {};
-    if (std::fgets(line, sizeof line, pipe) != nullptr) {
-        char* at = line;
-        for (;;) {
-            char* end = nullptr;
-            const long pid = std::strtol(at, &end, 10);
-            if (end == at) break;
-            // Only a real process: kill() takes 0 and below for groups.
-            if (pid > 1) pids.push_back(static_cast<pid_t>(pid));
-            at = end;
+    DIR* proc = opendir("/proc");
+    if (proc == nullptr) return pids;
+    while (const dirent* entry = readdir(proc)) {
+        char* end = nullptr;
+        const long pid = std::strtol(entry->d_name, &end, 10);
+        std::string found;
+        char state = 0;
+        // Only a real process: kill() takes 0 and below for groups.
+        if (*end != '\0' || pid <= 1 || !name_and_state(static_cast<pid_t>(pid), found, state)) {
+            continue;
         }
+        if (found == name && state != 'Z' && state != 'X') pids.push_back(static_cast<pid_t>(pid));
     }
-    pclose(pipe);
+    closedir(proc);
     return pids;
 }
 
@@ -125,9 +146,7 @@ CliconnLink::~CliconnLink() {
     // Its session table has four places; a client that leaves says so. A
     // connector that is gone, or whose id now names another process, is
     // not signalled.
-    for (const pid_t pid : pids_of("cliconn")) {
-        if (pid == connector_) kill(connector_, SIGUSR2);
-    }
+    if (connector_alive()) kill(connector_, SIGUSR2);
 }
 
 bool CliconnLink::interrupted() {
@@ -135,18 +154,10 @@ bool CliconnLink::interrupted() {
 }
 
 bool CliconnLink::connector_alive() const {
-    char path[64] = {};
-    std::snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(connector_));
-    FILE* stat = std::fopen(path, "r");
-    if (stat == nullptr) return false;
-    char text[512] = {};
-    const std::size_t n = std::fread(text, 1, sizeof text - 1, stat);
-    std::fclose(stat);
-    // "PID (NAME) STATE ...": a zombie is as gone as a process that was reaped.
-    const std::string_view fields(text, n);
-    const std::size_t name_end = fields.rfind(')');
-    return name_end != std::string_view::npos && name_end + 2 < fields.size() &&
-           fields[name_end + 2] != 'Z' && fields[name_end + 2] != 'X';
+    std::string name;
+    char state = 0;
+    return name_and_state(connector_, name, state) && name == "cliconn" && state != 'Z' &&
+           state != 'X';
 }
 
 CliconnLink::Received CliconnLink::receive(IpcMessage& message, int wait_ms) {
@@ -167,7 +178,7 @@ CliconnLink::Received CliconnLink::receive(IpcMessage& message, int wait_ms) {
     return error == EINTR ? Received::nothing : Received::gone;
 }
 
-std::vector<Answer> CliconnLink::exchange(std::span<const RequestRecord> requests) {
+std::vector<Answer> CliconnLink::exchange(std::span<const Request> requests) {
     using Clock = std::chrono::steady_clock;
     std::vector<Answer> answers(requests.size());
     std::map<Key, std::deque<std::size_t>> waiting;
@@ -182,18 +193,13 @@ std::vector<Answer> CliconnLink::exchange(std::span<const RequestRecord> request
         }
         bool queue_full = false;
         while (sent < requests.size() && in_flight < kInFlight) {
-            char xml[kRequestTextLen] = {};
-            generate_xml_request(requests[sent], xml);
-            if (xml[0] == '\0') {
-                failure_ = "a request does not fit in one message";
-                return answers;
-            }
-            if (channel_->send(channel_, xml, self_, 0) == 0) {
+            const Request& request = requests[sent];
+            if (channel_->send(channel_, request.xml.c_str(), self_, 0) == 0) {
                 queue_full = errno == EAGAIN;
                 if (!queue_full) failure_ = "cliconn's queue is gone";
                 break;
             }
-            waiting[key_of(requests[sent])].push_back(sent);
+            waiting[{request.property, request.target}].push_back(sent);
             ++sent;
             ++in_flight;
         }
@@ -214,7 +220,8 @@ std::vector<Answer> CliconnLink::exchange(std::span<const RequestRecord> request
                 failure_ = "cliconn serves four clients already and turned txconfig away";
                 break;
             }
-            const auto found = waiting.find(key_of(reply));
+            const auto found = waiting.find(
+                {std::string(field_view(reply.property)), std::string(field_view(reply.target))});
             if (found == waiting.end() || found->second.empty()) continue;
             answers[found->second.front()] = {true, reply_value(reply)};
             found->second.pop_front();

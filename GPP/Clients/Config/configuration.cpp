@@ -21,12 +21,6 @@ using tx::grammar::Setting;
 constexpr std::size_t kRequestTextLen = 256;
 constexpr std::string_view kSecretShown = "(secret)";
 
-bool fits_one_request(const RequestRecord& record) {
-    char xml[kRequestTextLen] = {};
-    generate_xml_request(record, xml);
-    return xml[0] != '\0';
-}
-
 // The value a set request carries.
 std::string request_value(const RequestRecord& record) {
     if (record.value_mode == REQUEST_MODE_SINGLE)
@@ -70,7 +64,7 @@ std::string value_shown(const Setting& setting, std::string_view value, bool wit
 }
 
 std::string change_text(const Change& change, bool with_secrets) {
-    const Assignment& a = change.assignment;
+    const Assignment& a = *change.assignment;
     return label(*a.setting, a.id) + " " + value_shown(*a.setting, change.now, with_secrets) +
            " -> " + value_shown(*a.setting, a.value, with_secrets);
 }
@@ -80,6 +74,14 @@ std::vector<std::string> ids_of(const Setting& setting) {
 }
 
 }  // namespace
+
+bool make_request(const RequestRecord& record, Request& request) {
+    char xml[kRequestTextLen] = {};
+    generate_xml_request(record, xml);
+    request = {std::string(field_view(record.property)), std::string(field_view(record.target)),
+               xml};
+    return xml[0] != '\0';
+}
 
 Configuration::Configuration(const tx::grammar::Caller& caller)
     : caller_(caller), settings_(tx::grammar::command_settings(caller.uid)) {
@@ -92,12 +94,10 @@ Configuration::Configuration(const tx::grammar::Caller& caller)
 }
 
 bool Configuration::get_request(const Setting& setting, std::string_view id,
-                                RequestRecord& request) const {
-    std::string line = "get " + label(setting, id);
-    const tx::grammar::Match match = tx::grammar::match(line, caller_, Keep::nothing);
-    if (!match.accepted()) return false;
-    request = match.record;
-    return true;
+                                Request& request) const {
+    const tx::grammar::Match match =
+        tx::grammar::match("get " + label(setting, id), caller_, Keep::nothing);
+    return match.accepted() && make_request(match.record, request);
 }
 
 std::string Configuration::set_line(const Setting& setting, std::string_view id,
@@ -118,8 +118,9 @@ std::string Configuration::set_line(const Setting& setting, std::string_view id,
     for (const std::string& line : candidates) {
         if (!tx::grammar::row_accepts(*setting.set_row, line)) continue;
         const tx::grammar::Match match = tx::grammar::match(line, caller_, Keep::nothing);
+        Request request;
         if (match.accepted() && match.row == setting.set_row &&
-            request_value(match.record) == value && fits_one_request(match.record)) {
+            request_value(match.record) == value && make_request(match.record, request)) {
             return line;
         }
     }
@@ -129,7 +130,7 @@ std::string Configuration::set_line(const Setting& setting, std::string_view id,
 bool Configuration::read(Device& device, bool with_secrets, Running& running,
                          std::string& error) const {
     running = {};
-    std::vector<RequestRecord> requests;
+    std::vector<Request> requests;
     requests.reserve(settings_.size());
     running.values.reserve(settings_.size());
     for (const Setting& setting : settings_) {
@@ -138,7 +139,7 @@ bool Configuration::read(Device& device, bool with_secrets, Running& running,
             continue;
         }
         for (const std::string& id : ids_of(setting)) {
-            RequestRecord request{};
+            Request request;
             if (!get_request(setting, id, request)) continue;
             requests.push_back(request);
             running.values.push_back({&setting, id, {}});
@@ -259,8 +260,7 @@ bool Configuration::check(std::string_view text, std::string_view file_name,
         a.setting = &setting;
         a.id = setting.ids.empty() ? "" : std::string(word_of(line, 2));
         a.value = request_value(match.record);
-        a.request = match.record;
-        if (!fits_one_request(a.request)) {
+        if (!make_request(match.record, a.request)) {
             refuse("too long for one request");
             continue;
         }
@@ -277,7 +277,7 @@ bool Configuration::check(std::string_view text, std::string_view file_name,
 
 bool Configuration::changes(Device& device, const std::vector<Assignment>& assignments,
                             std::vector<Change>& changes, std::string& error) const {
-    std::vector<RequestRecord> requests(assignments.size());
+    std::vector<Request> requests(assignments.size());
     for (std::size_t i = 0; i < assignments.size(); ++i) {
         if (!get_request(*assignments[i].setting, assignments[i].id, requests[i])) {
             error = "cannot read " + label(*assignments[i].setting, assignments[i].id);
@@ -291,7 +291,7 @@ bool Configuration::changes(Device& device, const std::vector<Assignment>& assig
             return false;
         }
         if (answers[i].value != assignments[i].value) {
-            changes.push_back({assignments[i], answers[i].value});
+            changes.push_back({&assignments[i], answers[i].value});
         }
     }
     return true;
@@ -301,19 +301,18 @@ std::vector<Result> Configuration::apply(Device& device, const std::vector<Chang
                                          std::string& error) const {
     // Each change is read back right behind its set: the device answers
     // both in order.
-    std::vector<RequestRecord> requests;
+    std::vector<Request> requests;
+    requests.reserve(2 * changes.size());
     for (const Change& change : changes) {
-        const Assignment& a = change.assignment;
-        RequestRecord get{};
-        get_request(*a.setting, a.id, get);
+        const Assignment& a = *change.assignment;
         requests.push_back(a.request);
-        requests.push_back(get);
+        get_request(*a.setting, a.id, requests.emplace_back());
     }
     const std::vector<Answer> answers = device.exchange(requests);
-    std::vector<Result> results;
+    std::vector<Result> results(changes.size());
     for (std::size_t i = 0; i < changes.size(); ++i) {
-        Result& r = results.emplace_back();
-        r.change = changes[i];
+        Result& r = results[i];
+        r.change = &changes[i];
         const Answer& set = answers[2 * i];
         const Answer& get = answers[2 * i + 1];
         r.answer = set.value;
@@ -324,7 +323,7 @@ std::vector<Result> Configuration::apply(Device& device, const std::vector<Chang
         }
         r.read_back = get.value;
         r.outcome =
-            get.value == changes[i].assignment.value ? Outcome::took_effect : Outcome::refused;
+            get.value == changes[i].assignment->value ? Outcome::took_effect : Outcome::refused;
     }
     return results;
 }
@@ -333,7 +332,7 @@ std::string diff_text(const Configuration& configuration, const std::vector<Chan
                       bool with_secrets) {
     std::string out;
     for (const Change& change : changes) {
-        const Assignment& a = change.assignment;
+        const Assignment& a = *change.assignment;
         if (a.setting->secret && !with_secrets) {
             out += "# " + label(*a.setting, a.id) +
                    " differs (a secret: root sees the values with --with-secrets)\n";
@@ -355,8 +354,8 @@ std::string plan_text(const std::vector<Change>& changes, bool with_secrets) {
 std::string report_text(const std::vector<Result>& results, bool with_secrets) {
     std::string out;
     for (const Result& r : results) {
-        out += change_text(r.change, with_secrets);
-        const Setting& setting = *r.change.assignment.setting;
+        out += change_text(*r.change, with_secrets);
+        const Setting& setting = *r.change->assignment->setting;
         if (r.outcome == Outcome::refused) {
             out += ": not taken, reads back " + value_shown(setting, r.read_back, with_secrets);
             if (r.answer != r.read_back) {
@@ -374,8 +373,8 @@ std::string report_text(const std::vector<Result>& results, bool with_secrets) {
 std::string last_taken(const std::vector<Result>& results, bool with_secrets) {
     for (auto r = results.rbegin(); r != results.rend(); ++r) {
         if (r->outcome == Outcome::took_effect) {
-            return change_text(r->change, with_secrets) + " (line " +
-                   std::to_string(r->change.assignment.line) + ")";
+            return change_text(*r->change, with_secrets) + " (line " +
+                   std::to_string(r->change->assignment->line) + ")";
         }
     }
     return "none";

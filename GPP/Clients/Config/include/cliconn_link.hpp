@@ -24,12 +24,12 @@ class CliconnLink final : public Device {
     // interrupted()).
     static std::unique_ptr<CliconnLink> open(std::string& error);
     // Tells cliconn that this client leaves (SIGUSR2, as cli does), when the
-    // lookup by name still gives the process it was found as.
+    // process it was found as still runs under that name.
     ~CliconnLink() override;
     CliconnLink(const CliconnLink&) = delete;
     CliconnLink& operator=(const CliconnLink&) = delete;
 
-    std::vector<Answer> exchange(std::span<const RequestRecord> requests) override;
+    std::vector<Answer> exchange(std::span<const Request> requests) override;
     std::string failure() const override { return failure_; }
 
     // Whether SIGINT or SIGTERM came.
@@ -39,6 +39,7 @@ class CliconnLink final : public Device {
     CliconnLink(pid_t connector, IpcChannel* channel);
     enum class Received { message, nothing, gone };
     Received receive(::IpcMessage& message, int wait_ms);
+    // Whether the process found as cliconn still runs as cliconn.
     bool connector_alive() const;
 
     pid_t connector_;
@@ -47,7 +48,7 @@ class CliconnLink final : public Device {
     std::string failure_;
 };
 
-// The process ids that "pidof NAME" gives, first first.
+// The running processes of a name, as "pidof NAME" finds them.
 std::vector<pid_t> pids_of(const char* name);
 
 }  // namespace tx::config

@@ -17,6 +17,17 @@
 
 namespace tx::config {
 
+// One request as it goes to the device: its XML text, and the property and
+// target that its answer carries.
+struct Request {
+    std::string property;
+    std::string target;
+    std::string xml;
+};
+
+// The request of a record; false when it does not fit in one message.
+bool make_request(const RequestRecord& record, Request& request);
+
 // What the device answered to one request.
 struct Answer {
     bool answered = false;
@@ -31,7 +42,7 @@ class Device {
     // request in the requests' order, matched to them by property and target.
     // When the device stops answering, the answers that did not come are left
     // unanswered and failure() says why.
-    virtual std::vector<Answer> exchange(std::span<const RequestRecord> requests) = 0;
+    virtual std::vector<Answer> exchange(std::span<const Request> requests) = 0;
     virtual std::string failure() const = 0;
 };
 
@@ -53,12 +64,14 @@ struct Assignment {
     std::string text;      // the line as written, without its line end
     const tx::grammar::Setting* setting = nullptr;
     std::string id;
-    std::string value;        // what the line sets, as its request carries it
-    RequestRecord request{};  // the line's set request
+    std::string value;  // what the line sets, as its request carries it
+    Request request;    // the line's set request
 };
 
+// Changes and results point into the assignments and changes they were made
+// from, which must outlive them.
 struct Change {
-    Assignment assignment;
+    const Assignment* assignment = nullptr;
     std::string now;  // the device's value before the change
 };
 
@@ -69,7 +82,7 @@ enum class Outcome {
 };
 
 struct Result {
-    Change change;
+    const Change* change = nullptr;
     Outcome outcome = Outcome::unconfirmed;
     std::string read_back;
     std::string answer;  // what the device answered to the set itself
@@ -123,7 +136,7 @@ class Configuration {
 
   private:
     bool get_request(const tx::grammar::Setting& setting, std::string_view id,
-                     RequestRecord& request) const;
+                     Request& request) const;
 
     tx::grammar::Caller caller_;
     std::vector<tx::grammar::Setting> settings_;
