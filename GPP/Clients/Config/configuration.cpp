@@ -53,6 +53,18 @@ std::string_view word_of(std::string_view line, std::size_t n) {
     }
 }
 
+// A line as an error message shows it: without its value when its command
+// names a secret, since a line in error may well hold one.
+std::string line_shown(std::string_view line) {
+    std::string_view command = line;
+    if (const std::string_view second = word_of(line, 1); !second.empty()) {
+        command =
+            line.substr(0, static_cast<std::size_t>(second.data() - line.data()) + second.size());
+    }
+    if (!tx::grammar::holds_secret(command)) return std::string(line);
+    return std::string(command) + " ...";
+}
+
 std::string label(const Setting& setting, std::string_view id) {
     std::string text = setting.name;
     if (!id.empty()) text.append(" ").append(id);
@@ -241,7 +253,7 @@ bool Configuration::check(std::string_view text, std::string_view file_name,
                 caller_.uid != 0 &&
                 tx::grammar::match(line, {0, caller_.voip}, Keep::nothing).row != nullptr;
             refuse(root_only ? "root only: this account may not run it"
-                             : std::string(tx::grammar::kSyntaxError) + ": " + std::string(line));
+                             : std::string(tx::grammar::kSyntaxError) + ": " + line_shown(content));
             continue;
         }
         if (!match.refusal.empty()) {
@@ -250,7 +262,7 @@ bool Configuration::check(std::string_view text, std::string_view file_name,
         }
         const auto found = by_row.find(match.row);
         if (found == by_row.end()) {
-            refuse("not a setting that txconfig reads back: " + std::string(content));
+            refuse("not a setting that txconfig reads back: " + line_shown(content));
             continue;
         }
         const Setting& setting = *found->second;
@@ -306,7 +318,10 @@ std::vector<Result> Configuration::apply(Device& device, const std::vector<Chang
     for (const Change& change : changes) {
         const Assignment& a = *change.assignment;
         requests.push_back(a.request);
-        get_request(*a.setting, a.id, requests.emplace_back());
+        if (!get_request(*a.setting, a.id, requests.emplace_back())) {
+            error = "cannot read " + label(*a.setting, a.id) + " back";
+            return {};
+        }
     }
     const std::vector<Answer> answers = device.exchange(requests);
     std::vector<Result> results(changes.size());
