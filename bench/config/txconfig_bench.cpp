@@ -91,6 +91,9 @@ void write_files() {
         } else if (s.quoted_text) {
             a << "set " << s.name << " \"bench a\"\n";
             b << "set " << s.name << " \"bench b\"\n";
+        } else if (tx::grammar::row_accepts(*s.set_row, "set " + s.name + " bench-a")) {
+            a << "set " << s.name << " bench-a\n";
+            b << "set " << s.name << " bench-b\n";
         } else {
             continue;
         }
@@ -156,8 +159,14 @@ int main(int argc, char** argv) {
     }
     write_files();
     // From here on each apply of b.conf or a.conf changes all 100 settings.
-    if (reap(spawn(dir + "/txconfig", {"apply", "/tmp/a.conf"})).status != 0) {
-        std::fprintf(stderr, "txconfig apply failed\n");
+    if (reap(spawn(dir + "/txconfig", {"apply", "/tmp/a.conf"})).status != 0 ||
+        std::system(
+            (dir + "/txconfig apply --check /tmp/b.conf | grep -c . | grep -qx 100").c_str()) !=
+            0) {
+        std::fprintf(stderr, "a.conf and b.conf do not differ in 100 settings\n");
+        stop(cliconn);
+        stop(coresim);
+        return 1;
     }
 
     benchmark::Initialize(&argc, argv);
