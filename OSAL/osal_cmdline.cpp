@@ -1,8 +1,7 @@
 // Kernel command-line parameters, read from /proc/cmdline or, for a test rig or
 // a simulated device, from the file named by PLATFORM_CMDLINE.
+#include <cstdio>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 #include <span>
 #include <string>
 #include <string_view>
@@ -15,19 +14,27 @@ namespace {
 constexpr std::size_t kCmdlineMax = 4096;
 constexpr std::size_t kVoipCapableLen = 4;
 
+// Read with stdio: a file stream would set up the C++ locale machinery, some
+// hundreds of KiB, for one short line.
 bool read_cmdline(std::string& text) {
     const char* override_path = std::getenv(kPlatformCmdlineEnv);
     const char* path =
         override_path != nullptr && override_path[0] != '\0' ? override_path : "/proc/cmdline";
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
+    FILE* in = std::fopen(path, "rb");
+    if (in == nullptr) {
         return false;
     }
-    text.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    char chunk[512];
+    std::size_t n = 0;
+    while (text.size() < kCmdlineMax && (n = std::fread(chunk, 1, sizeof chunk, in)) > 0) {
+        text.append(chunk, n);
+    }
+    const bool failed = std::ferror(in) != 0;
+    std::fclose(in);
     if (text.size() > kCmdlineMax) {
         text.resize(kCmdlineMax);
     }
-    return true;
+    return !failed;
 }
 
 bool is_separator(char c) noexcept {

@@ -1,8 +1,9 @@
 # Installation and the Debian package: the programs, cli.1 with the command
-# reference taken from the table at build time, and cliconn.8.
+# reference and txconfig.1 with the settings, both taken from the table at
+# build time, and cliconn.8.
 include(GNUInstallDirs)
 
-install(TARGETS cli cli-commands coresim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+install(TARGETS cli txconfig cli-commands coresim RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(TARGETS cliconn cgiconn RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 
 # The web client where Debian's lighttpd looks: the CGI programs in its CGI
@@ -61,6 +62,16 @@ if(tx_generate_reference)
     DEPENDS cli-commands ${PROJECT_SOURCE_DIR}/docs/man/cli.1.in ${tx_man_script}
     COMMENT "Writing cli.1 with the command reference"
     VERBATIM)
+  add_custom_command(
+    OUTPUT ${tx_man_dir}/txconfig.1
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${tx_man_dir}
+    COMMAND cli-commands --settings-man --output ${tx_man_dir}/settings.roff
+    COMMAND ${CMAKE_COMMAND} -DTEMPLATE=${PROJECT_SOURCE_DIR}/docs/man/txconfig.1.in
+            -DCOMMANDS=${tx_man_dir}/settings.roff -DOUTPUT=${tx_man_dir}/txconfig.1
+            -DPROJECT_VERSION=${PROJECT_VERSION} -P ${tx_man_script}
+    DEPENDS cli-commands ${PROJECT_SOURCE_DIR}/docs/man/txconfig.1.in ${tx_man_script}
+    COMMENT "Writing txconfig.1 with the settings it covers"
+    VERBATIM)
 endif()
 add_custom_command(
   OUTPUT ${tx_man_dir}/cliconn.8
@@ -70,16 +81,20 @@ add_custom_command(
   VERBATIM)
 set(tx_man_pages ${tx_man_dir}/cliconn.8)
 if(tx_generate_reference)
-  list(APPEND tx_man_pages ${tx_man_dir}/cli.1)
+  list(APPEND tx_man_pages ${tx_man_dir}/cli.1 ${tx_man_dir}/txconfig.1)
 endif()
 add_custom_target(man_pages ALL DEPENDS ${tx_man_pages})
 if(tx_generate_reference AND TX_BUILD_TESTS AND NOT CMAKE_CROSSCOMPILING)
   add_test(NAME man_page_lists_every_command
     COMMAND sh ${PROJECT_SOURCE_DIR}/tests/man/check_man_page.sh $<TARGET_FILE:cli-commands>
             ${tx_man_dir}/cli.1)
+  add_test(NAME man_page_lists_every_setting
+    COMMAND sh ${PROJECT_SOURCE_DIR}/tests/man/check_txconfig_page.sh $<TARGET_FILE:cli-commands>
+            $<TARGET_FILE:txconfig> ${tx_man_dir}/txconfig.1)
 endif()
 if(tx_generate_reference)
-  install(FILES ${tx_man_dir}/cli.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+  install(FILES ${tx_man_dir}/cli.1 ${tx_man_dir}/txconfig.1
+          DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 endif()
 install(FILES ${tx_man_dir}/cliconn.8 DESTINATION ${CMAKE_INSTALL_MANDIR}/man8)
 
@@ -109,8 +124,9 @@ set(CPACK_PACKAGE_VENDOR "TX-416")
 set(CPACK_PACKAGE_CONTACT "TX-416 firmware team <firmware@tx416.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "IP management console of the TX-416 conference speakerphone")
 set(CPACK_PACKAGE_DESCRIPTION
-    "cli, the interactive management console, with its connectors cliconn and cgiconn,\n\
-the settings page with its CGI programs, the core simulator coresim and the\n\
+    "cli, the interactive management console, and txconfig, the device's\n\
+configuration as one text, with their connectors cliconn and cgiconn, the\n\
+settings page with its CGI programs, the core simulator coresim and the\n\
 command table lister cli-commands.")
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION admin)

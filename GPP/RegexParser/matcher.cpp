@@ -78,6 +78,16 @@ std::size_t count_rows(const command_entry* table) noexcept {
     return n;
 }
 
+bool row_accepts(const command_entry& row, std::string_view line) {
+    if (row.regex == nullptr) return false;
+    const std::string text(line.substr(0, line.find('\0')));
+    regex_t re{};
+    if (regcomp(&re, row.regex, kRegexFlags) != 0) return false;
+    const bool accepted = regexec(&re, text.c_str(), 0, nullptr, 0) == 0;
+    regfree(&re);
+    return accepted;
+}
+
 bool row_allowed(const command_entry& row, uid_t uid) noexcept {
     return uid == 0 || !is_root_only(row.category);
 }
@@ -239,11 +249,40 @@ Matcher::Matcher(const command_entry* table)
 
 Matcher::~Matcher() = default;
 
-int Matcher::try_row(std::size_t row, const char* text, bool single_line,
-                     std::string& reports) const {
+namespace {
+
+void report_uncompiled(std::string& reports, const char* expr, std::size_t row, int rc) {
+    char report[512];
+    std::snprintf(report, sizeof report, "regcomp(%s) at %d returned %d\n", expr,
+                  static_cast<int>(row), rc);
+    reports += report;
+}
+
+// With REG_NEWLINE a '^' also matches after an embedded newline, so the
+// prefix shortcut only holds for single-line texts.
+bool cannot_match(const char* text, bool single_line, const std::string& prefix) {
+    return single_line && std::strncmp(text, prefix.c_str(), prefix.size()) != 0;
+}
+
+}  // namespace
+
+int Matcher::try_row(std::size_t row, const char* text, bool single_line, std::string& reports,
+                     Keep keep) const {
     const char* expr = table_[row].regex;
     if (expr == nullptr) {
         return REG_NOMATCH;
+    }
+    if (keep == Keep::nothing) {
+        if (cannot_match(text, single_line, literal_prefix(expr))) return REG_NOMATCH;
+        regex_t re{};
+        const int rc = regcomp(&re, expr, kRegexFlags);
+        if (rc != 0) {
+            report_uncompiled(reports, expr, row, rc);
+            return -1;
+        }
+        const int result = regexec(&re, text, 0, nullptr, 0);
+        regfree(&re);
+        return result;
     }
     Compiled& c = compiled_[row];
     std::call_once(c.once, [&c, expr] {
@@ -252,21 +291,17 @@ int Matcher::try_row(std::size_t row, const char* text, bool single_line,
     });
     if (c.rc != 0) {
         // Reported on every try, as if the row were compiled afresh each time.
-        char report[512];
-        std::snprintf(report, sizeof report, "regcomp(%s) at %d returned %d\n", expr,
-                      static_cast<int>(row), c.rc);
-        reports += report;
+        report_uncompiled(reports, expr, row, c.rc);
         return -1;
     }
-    // With REG_NEWLINE a '^' also matches after an embedded newline, so the
-    // shortcut only holds for single-line texts.
-    if (single_line && std::strncmp(text, c.prefix.c_str(), c.prefix.size()) != 0) {
+    if (cannot_match(text, single_line, c.prefix)) {
         return REG_NOMATCH;
     }
     return regexec(&c.re, text, 0, nullptr, 0);
 }
 
-const command_entry* Matcher::find(std::string_view line, uid_t uid, std::string& reports) const {
+const command_entry* Matcher::find(std::string_view line, uid_t uid, std::string& reports,
+                                   Keep keep) const {
     const int start = index_.lookup(line.data(), line.size());
     if (start < 0 || static_cast<std::size_t>(start) >= rows_) {
         return nullptr;
@@ -275,7 +310,7 @@ const command_entry* Matcher::find(std::string_view line, uid_t uid, std::string
     const std::string text(line.substr(0, line.find('\0')));
     const bool single_line = text.find('\n') == std::string::npos;
     for (std::size_t row = static_cast<std::size_t>(start); row < rows_; ++row) {
-        const int result = try_row(row, text.c_str(), single_line, reports);
+        const int result = try_row(row, text.c_str(), single_line, reports, keep);
         if (result == 0) {
             // A refused row ends the scan: later rows are not tried.
             return row_allowed(table_[row], uid) ? &table_[row] : nullptr;
@@ -289,9 +324,9 @@ const command_entry* Matcher::find(std::string_view line, uid_t uid, std::string
     return nullptr;
 }
 
-Match Matcher::match(std::string_view line, const Caller& caller) const {
+Match Matcher::match(std::string_view line, const Caller& caller, Keep keep) const {
     Match m;
-    m.row = find(line, caller.uid, m.reports);
+    m.row = find(line, caller.uid, m.reports, keep);
     if (m.row != nullptr) {
         m.row->handler(line, caller, m);
     }

@@ -65,10 +65,11 @@ class Matcher {
     // row from the key index position on that accepts it, or null when none
     // does or that row is root-only and `uid` is not root. Rows that could not
     // be tried are reported into `reports`.
-    const command_entry* find(std::string_view line, uid_t uid, std::string& reports) const;
+    const command_entry* find(std::string_view line, uid_t uid, std::string& reports,
+                              Keep keep = Keep::compiled) const;
 
     // The row found for the caller and what its handler made of the line.
-    Match match(std::string_view line, const Caller& caller) const;
+    Match match(std::string_view line, const Caller& caller, Keep keep = Keep::compiled) const;
 
     int lookup(std::string_view line) const { return index_.lookup(line.data(), line.size()); }
     std::size_t rows() const noexcept { return rows_; }
@@ -77,7 +78,8 @@ class Matcher {
     struct Compiled;
     // 0 on a match, REG_NOMATCH, or another regexec error; -1 when the row's
     // expression does not compile (reported into `reports`).
-    int try_row(std::size_t row, const char* text, bool single_line, std::string& reports) const;
+    int try_row(std::size_t row, const char* text, bool single_line, std::string& reports,
+                Keep keep) const;
 
     const command_entry* table_;
     std::size_t rows_;

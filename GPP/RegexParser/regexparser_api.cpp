@@ -11,8 +11,8 @@ const Matcher& command_matcher() {
     return matcher;
 }
 
-Match match(std::string_view line, const Caller& caller) {
-    return command_matcher().match(line, caller);
+Match match(std::string_view line, const Caller& caller, Keep keep) {
+    return command_matcher().match(line, caller, keep);
 }
 
 std::string help_text(std::string_view topic_text, uid_t uid) {

@@ -11,15 +11,24 @@
 //   cli-commands --man [--output FILE]
 //                                    the reference as the roff body of the
 //                                    manual page's COMMANDS section
+//   cli-commands --settings          the settings txconfig covers, one
+//                                    tab-separated line each: name, who may
+//                                    read and change it, secret, VoIP only
+//   cli-commands --settings-man [--output FILE]
+//                                    the same as the roff body of txconfig's
+//                                    manual page's SETTINGS section
 #include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <set>
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "regexparser.hpp"
+#include "settings.hpp"
 
 namespace {
 
@@ -147,6 +156,61 @@ void print_markdown(std::ostream& out) {
     }
 }
 
+// What a configuration holds (txconfig): the settings root may read and
+// change, and which of them every other account may too (the grammar tells
+// root from the rest; 1001 is the device's operator).
+constexpr uid_t kOperatorUid = 1001;
+
+struct ConfigSetting {
+    const Setting* setting;
+    bool everyone;
+    bool voip;
+};
+
+std::vector<ConfigSetting> config_settings(const std::vector<Setting>& root) {
+    std::set<std::string> everyone;
+    for (const Setting& s : command_settings(kOperatorUid)) everyone.insert(s.name);
+    std::vector<ConfigSetting> out;
+    for (const Setting& s : root) {
+        out.push_back(
+            {&s, everyone.contains(s.name), voip_only(*s.get_row) || voip_only(*s.set_row)});
+    }
+    return out;
+}
+
+const char* who(const ConfigSetting& c) {
+    return c.everyone ? "everyone" : "root only";
+}
+
+void print_settings(std::ostream& out) {
+    const std::vector<Setting> root = command_settings(0);
+    for (const ConfigSetting& c : config_settings(root)) {
+        out << c.setting->name << '\t' << who(c) << '\t' << (c.setting->secret ? "secret" : "-")
+            << '\t' << (c.voip ? "voip" : "-") << '\n';
+    }
+}
+
+void print_settings_markdown(std::ostream& out) {
+    const std::vector<Setting> root = command_settings(0);
+    const std::vector<ConfigSetting> settings = config_settings(root);
+    out << "\n## Settings in a configuration (txconfig)\n\n"
+        << "`txconfig show` prints, and `txconfig apply` takes, one `set` line for each of\n"
+        << "these " << settings.size() << " settings: those with a `get` and a `set` row. "
+        << "An account other than root\ngets those that everyone may read and change. "
+        << "Secrets are left out of `show`\nunless root asks for them with `--with-secrets`; "
+        << "a device without VoIP has no\nVoIP settings.\n\n"
+        << "| Setting | Read and changed by | Secret | VoIP devices only | Set line |\n"
+        << "|---|---|---|---|---|\n";
+    for (const ConfigSetting& c : settings) {
+        std::string_view syntax;
+        std::string_view description;
+        split_help(c.setting->set_row->help, syntax, description);
+        out << "| " << code(c.setting->name) << " | " << who(c) << " | "
+            << (c.setting->secret ? "yes" : "") << " | " << (c.voip ? "yes" : "") << " | "
+            << code(syntax) << " |\n";
+    }
+}
+
 // Roff text: backslashes shown as themselves, hyphens as the minus sign that
 // can be copied back to a terminal, and no line that starts a request.
 std::string roff(std::string_view plain) {
@@ -182,9 +246,24 @@ void print_man(std::ostream& out) {
     }
 }
 
+void print_settings_man(std::ostream& out) {
+    out << ".\\\" Generated from the command table by cli-commands --settings-man.\n";
+    const std::vector<Setting> root = command_settings(0);
+    for (const ConfigSetting& c : config_settings(root)) {
+        std::string_view syntax;
+        std::string_view description;
+        split_help(c.setting->set_row->help, syntax, description);
+        std::string notes = who(c);
+        if (c.setting->secret) notes += ", secret";
+        if (c.voip) notes += ", VoIP devices only";
+        out << ".TP\n\\fB" << roff(c.setting->name) << "\\fR (" << notes << ")\n"
+            << roff(syntax) << '\n';
+    }
+}
+
 int usage() {
     std::cerr << "usage: cli-commands [--markdown [--output FILE | --check FILE] |"
-                 " --man [--output FILE]]\n";
+                 " --man [--output FILE] | --settings | --settings-man [--output FILE]]\n";
     return 2;
 }
 
@@ -193,6 +272,8 @@ int usage() {
 int main(int argc, char** argv) {
     bool markdown = false;
     bool man = false;
+    bool settings = false;
+    bool settings_man = false;
     std::string output;
     std::string check;
     for (int i = 1; i < argc; ++i) {
@@ -201,14 +282,24 @@ int main(int argc, char** argv) {
             markdown = true;
         } else if (arg == "--man") {
             man = true;
+        } else if (arg == "--settings") {
+            settings = true;
+        } else if (arg == "--settings-man") {
+            settings_man = true;
         } else if ((arg == "--output" || arg == "--check") && i + 1 < argc) {
             (arg == "--output" ? output : check) = argv[++i];
         } else {
             return usage();
         }
     }
-    if (markdown && man) return usage();
-    if (man && !check.empty()) return usage();
+    if (markdown + man + settings + settings_man > 1) return usage();
+    if ((man || settings_man) && !check.empty()) return usage();
+    if (settings) {
+        if (!output.empty() || !check.empty()) return usage();
+        print_settings(std::cout);
+        return std::cout.good() ? 0 : 1;
+    }
+    man = man || settings_man;
     if (!markdown && !man) {
         if (!output.empty() || !check.empty()) return usage();
         print_rows(std::cout);
@@ -217,10 +308,13 @@ int main(int argc, char** argv) {
     if (!output.empty() && !check.empty()) return usage();
 
     std::ostringstream text;
-    if (man) {
+    if (settings_man) {
+        print_settings_man(text);
+    } else if (man) {
         print_man(text);
     } else {
         print_markdown(text);
+        print_settings_markdown(text);
     }
     if (!check.empty()) {
         std::ifstream in(check, std::ios::binary);

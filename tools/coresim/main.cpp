@@ -3,9 +3,12 @@
 // /tmp/CoreRxCommand0 (cgiconn) and answers through /tmp/CoreTxEvent1 and
 // /tmp/CoreTxEvent0.
 //
-//   coresim [-v] [--state FILE]
-//     -v            log every request and reply on standard output
+//   coresim [-v] [--state FILE] [--delay MS]
+//     -v            log every request and reply on standard output; a request
+//                   is logged before its reply goes out, so that whoever has
+//                   the reply can count the request in the log
 //     --state FILE  load settings from FILE at start, save them after each change
+//     --delay MS    answer each request MS milliseconds late, as a busy device
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -14,6 +17,7 @@
 #include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "core.hpp"
@@ -33,6 +37,7 @@ constexpr int POLL_TIMEOUT_MS = 500;
 struct Options {
     bool verbose = false;
     std::string state_path;
+    int delay_ms = 0;
 };
 
 bool parse_options(int argc, char** argv, Options& options) {
@@ -42,6 +47,8 @@ bool parse_options(int argc, char** argv, Options& options) {
             options.verbose = true;
         } else if (arg == "--state" && i + 1 < argc) {
             options.state_path = argv[++i];
+        } else if (arg == "--delay" && i + 1 < argc) {
+            options.delay_ms = std::atoi(argv[++i]);
         } else {
             return false;
         }
@@ -120,8 +127,12 @@ class Simulator {
 
     void answer(int instance, const std::string& record) {
         const bool verbose = options_.verbose;
+        if (options_.delay_ms > 0) poll(nullptr, 0, options_.delay_ms);
         const coresim::Output output = core_.handle(instance, record);
-        if (verbose) std::printf("coresim: [%d] <- %s\n", instance, record.c_str());
+        if (verbose) {
+            std::printf("coresim: [%d] <- %s\n", instance, record.c_str());
+            std::fflush(stdout);
+        }
         if (output.records.empty() && verbose)
             std::printf("coresim: [%d] not a request, ignored\n", instance);
         for (const auto& [to, text] : output.records) {
@@ -152,7 +163,7 @@ class Simulator {
 int main(int argc, char** argv) {
     Options options;
     if (!parse_options(argc, argv, options)) {
-        std::fprintf(stderr, "usage: coresim [-v] [--state FILE]\n");
+        std::fprintf(stderr, "usage: coresim [-v] [--state FILE] [--delay MS]\n");
         return 2;
     }
     install_signal_handlers();

@@ -11,15 +11,14 @@
 #include <iostream>
 #include <iterator>
 #include <map>
-#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "completion.hpp"
 #include "fixed_text.hpp"
 #include "property_map.hpp"
 #include "regexparser.hpp"
+#include "settings.hpp"
 #include "web_cgi.hpp"
 #include "xmltree.hpp"
 
@@ -72,39 +71,16 @@ class Markup {
     std::deque<std::string> kept_;
 };
 
-// The setting a row reads or changes: "get NAME" or "set NAME ...".
-std::string_view setting_of(const tx::grammar::RowWords& row, std::string_view verb) {
-    if (row.command_words != 2 || row.words[0].front() != verb) return {};
-    if (verb == "get" && row.words.size() != 2) return {};
-    if (verb == "set" && row.words.size() < 3) return {};
-    return row.words[1].front();
-}
-
-// Settings with both a get and a set row that the operator may run, by
-// category, in table order of their set rows.
+// Settings the operator may both read and change, by category, in table
+// order of their set rows. A setting read by id has no place on the page.
 std::map<int, std::vector<Setting>> settings_by_category() {
-    const std::vector<tx::grammar::RowWords>& rows = tx::grammar::command_row_words();
-    std::set<std::string_view> readable;
-    for (std::size_t row = 0; row < rows.size(); ++row) {
-        if (tx::grammar::row_allowed(command_table[row], kOperatorUid)) {
-            readable.insert(setting_of(rows[row], "get"));
-        }
-    }
     std::map<int, std::vector<Setting>> settings;
-    std::set<std::string_view> done;
-    for (std::size_t row = 0; row < rows.size(); ++row) {
-        const std::string_view name = setting_of(rows[row], "set");
-        const command_entry& set_row = command_table[row];
-        if (name.empty() || !readable.contains(name) || !done.insert(name).second ||
-            !tx::grammar::row_allowed(set_row, kOperatorUid)) {
-            continue;
-        }
-        const char* key = property_key_for_name(name);
-        // A single value spelled out as a fixed set gets a select.
-        const bool one_value = rows[row].words.size() == 3 && !rows[row].more;
-        settings[set_row.category].push_back(
-            {std::string(name), key != nullptr ? key : std::string(name), &set_row,
-             one_value ? rows[row].words[2] : std::vector<std::string>{}});
+    for (tx::grammar::Setting& setting : tx::grammar::command_settings(kOperatorUid)) {
+        if (!setting.ids.empty()) continue;
+        const char* key = property_key_for_name(setting.name);
+        const command_entry* set_row = setting.set_row;
+        settings[set_row->category].push_back({setting.name, key != nullptr ? key : setting.name,
+                                               set_row, std::move(setting.values)});
     }
     return settings;
 }

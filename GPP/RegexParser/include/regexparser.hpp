@@ -92,10 +92,24 @@ struct Match {
     bool accepted() const noexcept { return row != nullptr && refusal.empty(); }
 };
 
+// What a match keeps of the expressions it compiled to try a line. Kept, a
+// row's expression is compiled once per program, but it then holds the
+// states its runs have built, some 40 KiB a row: fine for an interactive
+// console, too much for a program that tries a few hundred rows once and must
+// stay small. Not kept, every row tried is compiled and freed on the spot
+// (some 10 us a row; rows whose literal start differs from the line's are not
+// compiled at all).
+enum class Keep { compiled, nothing };
+
 // The first row (from the key index position on) that accepts the whole
 // line, run for the caller. A line may hold embedded newlines; what follows a
 // NUL is not part of it.
-Match match(std::string_view line, const Caller& caller);
+Match match(std::string_view line, const Caller& caller, Keep keep = Keep::compiled);
+
+// Whether the row's expression alone accepts the whole line, compiled and
+// freed on the spot: a quick test before a match, which would try every
+// later row that the line's start allows when this one refuses it.
+bool row_accepts(const command_entry& row, std::string_view line);
 
 // The help listing for what followed "help" on the line, as cli prints it:
 // every line ends with a newline. Help is root's alone; anyone else gets the

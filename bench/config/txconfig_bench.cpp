@@ -1,0 +1,179 @@
+// txconfig on the simulated device: `show` of the whole configuration, and
+// `apply` of a file that changes 100 settings, each run a whole txconfig
+// process, timed from its start to its end, with its peak resident memory
+// (taken by peak_rss, which starts it: the static launcher adds some 0.2 ms).
+//
+// The bench starts coresim and cliconn itself, as round_trip_bench does, so
+// it must run inside the sandbox:
+//
+//   tools/sandbox build/bin/txconfig_bench
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/msg.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "settings.hpp"
+
+namespace {
+
+constexpr std::size_t kChanged = 100;
+
+std::string bin_dir() {
+    if (const char* dir = std::getenv("TX_BIN_DIR")) return dir;
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
+}
+
+pid_t spawn(const std::string& path, const std::vector<std::string>& args,
+            const char* errors = "/dev/null") {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        const int null_fd = open("/dev/null", O_RDWR);
+        const int error_fd = open(errors, O_WRONLY | O_CREAT | O_TRUNC, 0600);
+        dup2(null_fd, 0);
+        dup2(null_fd, 1);
+        dup2(error_fd, 2);
+        std::vector<char*> argv{const_cast<char*>(path.c_str())};
+        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+        argv.push_back(nullptr);
+        execv(path.c_str(), argv.data());
+        _exit(127);
+    }
+    return pid;
+}
+
+struct Ended {
+    int status = -1;
+};
+
+Ended reap(pid_t pid) {
+    int status = 0;
+    waitpid(pid, &status, 0);
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+void stop(pid_t pid) {
+    if (pid <= 0) return;
+    kill(pid, SIGTERM);
+    reap(pid);
+}
+
+bool wait_for(bool (*ready)()) {
+    for (int i = 0; i < 500; ++i) {
+        if (ready()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+}
+
+// Two files that set the same 100 settings to different values: applied in
+// turn, each changes all of them.
+void write_files() {
+    std::ofstream a("/tmp/a.conf");
+    std::ofstream b("/tmp/b.conf");
+    std::size_t n = 0;
+    for (const tx::grammar::Setting& s : tx::grammar::command_settings(0)) {
+        if (n == kChanged) break;
+        if (s.values.size() > 1) {
+            a << "set " << s.name << ' ' << s.values[0] << '\n';
+            b << "set " << s.name << ' ' << s.values[1] << '\n';
+        } else if (s.quoted_text) {
+            a << "set " << s.name << " \"bench a\"\n";
+            b << "set " << s.name << " \"bench b\"\n";
+        } else if (tx::grammar::row_accepts(*s.set_row, "set " + s.name + " bench-a")) {
+            a << "set " << s.name << " bench-a\n";
+            b << "set " << s.name << " bench-b\n";
+        } else {
+            continue;
+        }
+        ++n;
+    }
+}
+
+void run_txconfig(benchmark::State& state, const std::vector<std::vector<std::string>>& runs) {
+    const std::string dir = bin_dir();
+    long max_rss = 0;
+    std::size_t turn = 0;
+    for (auto _ : state) {
+        std::vector<std::string> args{dir + "/txconfig"};
+        for (const std::string& arg : runs[turn++ % runs.size()]) args.push_back(arg);
+        if (reap(spawn(dir + "/peak_rss", args, "/tmp/peak_rss")).status != 0) {
+            state.SkipWithError("txconfig failed");
+            break;
+        }
+        std::ifstream peak("/tmp/peak_rss");
+        long kib = 0;
+        peak >> kib;
+        max_rss = std::max(max_rss, kib);
+    }
+    state.counters["max_rss_KiB"] = static_cast<double>(max_rss);
+}
+
+void show(benchmark::State& state) {
+    run_txconfig(state, {{"show"}});
+}
+BENCHMARK(show)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+void apply_100_changes(benchmark::State& state) {
+    run_txconfig(state, {{"apply", "/tmp/b.conf"}, {"apply", "/tmp/a.conf"}});
+}
+BENCHMARK(apply_100_changes)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+bool queue_exists(const char* token) {
+    const key_t key = ftok(token, 'a');
+    return key != -1 && msgget(key, 0) >= 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (getpid() != 1) {
+        std::fprintf(stderr,
+                     "txconfig_bench starts its own cliconn and coresim; run it inside the "
+                     "sandbox:\n  tools/sandbox %s\n",
+                     argv[0]);
+        return 2;
+    }
+    signal(SIGUSR2, SIG_IGN);
+    std::ofstream("/tmp/cmdline") << "voip_capable=1\n";
+    setenv("PLATFORM_CMDLINE", "/tmp/cmdline", 1);
+    const std::string dir = bin_dir();
+    const pid_t coresim = spawn(dir + "/coresim", {});
+    if (!wait_for([] { return std::filesystem::exists("/tmp/CoreTxEvent1"); })) return 1;
+    const pid_t cliconn = spawn(dir + "/cliconn", {});
+    if (!wait_for([] { return queue_exists("/tmp/cli_out_token"); })) {
+        std::fprintf(stderr, "cliconn did not come up\n");
+        stop(coresim);
+        return 1;
+    }
+    write_files();
+    // From here on each apply of b.conf or a.conf changes all 100 settings.
+    if (reap(spawn(dir + "/txconfig", {"apply", "/tmp/a.conf"})).status != 0 ||
+        std::system(
+            (dir + "/txconfig apply --check /tmp/b.conf | grep -c . | grep -qx 100").c_str()) !=
+            0) {
+        std::fprintf(stderr, "a.conf and b.conf do not differ in 100 settings\n");
+        stop(cliconn);
+        stop(coresim);
+        return 1;
+    }
+
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+
+    stop(cliconn);
+    stop(coresim);
+    return 0;
+}

@@ -1,0 +1,208 @@
+// txconfig's core without a device or with one that lives in the test: the
+// settings it covers, the lines it prints, the files it takes and what it
+// makes of the device's answers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <set>
+#include <string>
+
+#include "config_client.hpp"
+#include "process.hpp"
+
+namespace {
+
+using tx::config::Configuration;
+using tx::grammar::Setting;
+
+std::vector<tx::test::Row> cases(std::string_view kind) {
+    std::vector<tx::test::Row> rows;
+    for (tx::test::Row row : tx::test::read_table(TX_CASES_DIR "/cases.txt")) {
+        row.resize(6);
+        if (row[0] == kind) rows.push_back(row);
+    }
+    return rows;
+}
+
+const Setting& setting_of(const Configuration& configuration, std::string_view name) {
+    for (const Setting& s : configuration.settings()) {
+        if (s.name == name) return s;
+    }
+    throw std::runtime_error("no setting " + std::string(name));
+}
+
+std::string joined(const std::vector<std::string>& parts) {
+    std::string out;
+    for (const std::string& p : parts) out += (out.empty() ? "" : "|") + p;
+    return out;
+}
+
+TEST(Config, ShowPrintsLinesThatReplay) {
+    const Configuration root({0, true});
+    for (const tx::test::Row& c : cases("line")) {
+        EXPECT_EQ(root.set_line(setting_of(root, c[2]), "", c[3]), c[4]) << c[1];
+    }
+    const std::string long_value(200, 'a');
+    EXPECT_EQ(root.set_line(setting_of(root, "snmp-address"), "", long_value), "");
+}
+
+TEST(Config, FilesAreCheckedBeforeAnythingIsSent) {
+    for (const tx::test::Row& c : cases("check")) {
+        const Configuration configuration({static_cast<uid_t>(std::stoul(c[2])), c[3] == "1"});
+        std::vector<tx::config::Assignment> assignments;
+        std::vector<std::string> errors;
+        std::vector<std::string> sets;
+        if (configuration.check(c[4], "F", assignments, errors)) {
+            for (const auto& a : assignments) sets.push_back(a.setting->name + "=" + a.value);
+        }
+        EXPECT_EQ(joined(errors.empty() ? sets : errors), c[5]) << c[1];
+    }
+    const Configuration root({0, true});
+    std::vector<tx::config::Assignment> assignments;
+    std::vector<std::string> errors;
+    EXPECT_FALSE(root.check("set snmp-address " + std::string(200, 'a'), "F", assignments, errors));
+    EXPECT_EQ(joined(errors), "F:1: too long for one request");
+}
+
+TEST(Config, SettingsAndSecretsComeFromTheTable) {
+    const Configuration root({0, true});
+    std::vector<std::string> secrets;
+    for (const Setting& s : root.settings()) {
+        if (s.secret) secrets.push_back(s.name);
+    }
+    EXPECT_EQ(joined(secrets),
+              "snmp-community|md5-password|password|turn-passwd|bt-pin|bt-autoconnect|"
+              "dot1x-password");
+
+    const Configuration operator_account({1001, true});
+    EXPECT_LT(operator_account.settings().size(), root.settings().size());
+    for (const Setting& s : operator_account.settings()) {
+        EXPECT_FALSE(tx::grammar::is_root_only(s.get_row->category)) << s.name;
+        EXPECT_FALSE(tx::grammar::is_root_only(s.set_row->category)) << s.name;
+    }
+
+    const Configuration no_voip({0, false});
+    EXPECT_EQ(no_voip.settings().size() + no_voip.voip_left_out().size(), root.settings().size());
+    EXPECT_NE(std::ranges::find(no_voip.voip_left_out(), "registrar"),
+              no_voip.voip_left_out().end());
+}
+
+void no_handler(std::string_view, const tx::grammar::Caller&, tx::grammar::Match&) {}
+
+TEST(Config, SettingsReadById) {
+    const command_entry rows[] = {
+        {"^get [ ]*gain [ ]*[1-2][ ]*$", no_handler, "\"get gain <1-2>\" - x", 2},
+        {"^set [ ]*gain [ ]*[1-2] [ ]*[0-3][ ]*$", no_handler, "\"set gain <1-2> <0-3>\" - x", 2},
+        {"^get [ ]*pin[ ]*$", no_handler, "\"get pin\" - x", 0},
+        {"^set [ ]*pin [ ]*[0-9]+[ ]*$", no_handler, "\"set pin <digits>\" - x", 1},
+    };
+    const std::vector<Setting> root = tx::grammar::settings_of(rows, 0);
+    ASSERT_EQ(root.size(), 2U);
+    EXPECT_EQ(joined(root[0].ids), "1|2");
+    EXPECT_EQ(joined(root[0].values), "0|1|2|3");
+    EXPECT_TRUE(root[1].secret);
+    // The get row is root's alone: nothing the operator may read back.
+    EXPECT_EQ(tx::grammar::settings_of(rows, 1001).size(), 1U);
+
+    const Configuration configuration({0, true});
+    tx::config::Running running;
+    running.values = {{&root[0], "1", "3"}, {&root[0], "2", "0"}, {&root[1], "", "a\"\\"}};
+    running.secrets_left_out = {"password"};
+    EXPECT_EQ(configuration.json(running),
+              "{\n  \"settings\": {\n    \"gain\": {\"1\": \"3\", \"2\": \"0\"},\n"
+              "    \"pin\": \"a\\\"\\\\\"\n  },\n  \"secrets_left_out\": [\"password\"],\n"
+              "  \"voip_left_out\": []\n}\n");
+}
+
+TEST(Config, JsonIsUtf8WhateverTheDeviceHolds) {
+    const std::string fffd = "\xef\xbf\xbd";
+    const std::pair<std::string, std::string> json[] = {
+        {"plain", "\"plain\""},
+        {"a\"b\\c", "\"a\\\"b\\\\c\""},
+        {"\x01\t\x7f", "\"\\u0001\\u0009\\u007f\""},
+        {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9e",
+         "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9e\""},
+        {"\xff", "\"" + fffd + "\""},
+        {"\xc0\xaf", "\"" + fffd + fffd + "\""},             // overlong
+        {"\xed\xa0\x80", "\"" + fffd + fffd + fffd + "\""},  // surrogate
+        {"a\xe2\x82", "\"a" + fffd + fffd + "\""},           // cut short
+    };
+    for (const auto& [text, expected] : json) EXPECT_EQ(tx::config::json_string(text), expected);
+    const std::pair<std::string, std::string> shown[] = {
+        {"9", "9"},
+        {"", "\"\""},
+        {"Room 2", "\"Room 2\""},
+        {"a\"b", "\"a\\\"b\""},
+        {"\x01", "\"\\x01\""},
+    };
+    for (const auto& [text, expected] : shown) EXPECT_EQ(tx::config::shown(text), expected);
+}
+
+// A device in the test: settings by property, refusals, and an end after a
+// number of requests.
+class FakeDevice : public tx::config::Device {
+  public:
+    std::map<std::string, std::string> values;
+    std::set<std::string> refused;
+    std::size_t answers_left = 1000;
+
+    std::vector<tx::config::Answer> exchange(
+        std::span<const tx::config::Request> requests) override {
+        std::vector<tx::config::Answer> answers(requests.size());
+        for (std::size_t i = 0; i < requests.size() && answers_left > 0; ++i, --answers_left) {
+            const std::string& xml = requests[i].xml;
+            const std::string& property = requests[i].property;
+            if (xml.find(">get</action>") == std::string::npos) {
+                if (refused.contains(property)) {
+                    answers[i] = {true, "error out of range"};
+                    continue;
+                }
+                const std::size_t value = xml.find("<p name=\"default\">") + 18;
+                values[property] = xml.substr(value, xml.find("</p>") - value);
+            }
+            answers[i] = {true, values[property]};
+        }
+        return answers;
+    }
+    std::string failure() const override { return "cliconn has gone"; }
+};
+
+TEST(Config, ChangesAreMadeAndReadBack) {
+    const Configuration root({0, true});
+    FakeDevice device;
+    device.values = {{"audio.mute", "0"},
+                     {"audio.speaker-volume", "9"},
+                     {"sys.systemname", "x"},
+                     {"voip.password", "old"}};
+    device.refused = {"audio.ring-tone"};
+    std::vector<tx::config::Assignment> assignments;
+    std::vector<std::string> errors;
+    ASSERT_TRUE(
+        root.check("set mute 0\nset speaker-volume 12\nset ring-tone 3\nset systemname \"A B\"\n"
+                   "set password new\n",
+                   "F", assignments, errors));
+
+    std::vector<tx::config::Change> changes;
+    std::string error;
+    ASSERT_TRUE(root.changes(device, assignments, changes, error));
+    EXPECT_EQ(tx::config::plan_text(changes, false),
+              "speaker-volume 9 -> 12\nring-tone \"\" -> 3\nsystemname x -> \"A B\"\n"
+              "password (secret) -> (secret)\n");
+    EXPECT_EQ(tx::config::diff_text(root, changes, true),
+              "set speaker-volume 12  # now 9\nset ring-tone 3  # now \"\"\n"
+              "set systemname \"A B\"  # now x\nset password \"new\"  # now old\n");
+
+    device.answers_left = 5;  // the set and read-back of two changes, and one set more
+    const std::vector<tx::config::Result> results = root.apply(device, changes, error);
+    EXPECT_EQ(error, "cliconn has gone");
+    EXPECT_EQ(
+        tx::config::report_text(results, false),
+        "speaker-volume 9 -> 12\n"
+        "ring-tone \"\" -> 3: not taken, reads back \"\" (the device answered \"error out of "
+        "range\")\n"
+        "systemname x -> \"A B\": not confirmed\npassword (secret) -> (secret): not confirmed\n");
+    EXPECT_EQ(tx::config::last_taken(results, false), "speaker-volume 9 -> 12 (line 2)");
+}
+
+}  // namespace
