@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -89,16 +88,6 @@ std::vector<std::string> split(const std::string& text, char separator) {
     std::istringstream in(text);
     for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
     return parts;
-}
-
-std::vector<Row> read_table(const std::string& path) {
-    std::vector<Row> rows;
-    for (std::string line : split(read_file(path), '\n')) {
-        if (line.empty() || line.starts_with('#')) continue;
-        line = std::regex_replace(line, std::regex(R"(\\n)"), "\n");
-        rows.push_back(split(std::regex_replace(line, std::regex(R"(\\r)"), "\r"), '\t'));
-    }
-    return rows;
 }
 
 std::vector<std::string> target(const std::string& path) {

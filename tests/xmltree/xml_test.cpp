@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "fixed_text.hpp"
+#include "support/table.hpp"
 #include "xmltree.hpp"
 
 // The test is linked with the allocator wrapped (see CMakeLists.txt): once
@@ -57,33 +58,12 @@ using Case = std::vector<std::string>;
 using Shown = std::vector<std::string>;
 
 // \n \r \t \\ and \xHH stand for those bytes.
-std::string unescape(const std::string& text) {
-    std::string out;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '\\' || i + 1 == text.size()) {
-            out += text[i];
-        } else if (const char c = text[++i]; c == 'x') {
-            out += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            out += c == 'n' ? '\n' : c == 'r' ? '\r' : c == 't' ? '\t' : c;
-        }
-    }
-    return out;
-}
+using tx::test::unescape;
 
-// One case per line, fields separated by tabs and unescaped where they are
-// used; '#' starts a comment line.
+// Fields are unescaped where they are used: a build script is cut at blanks first.
 std::vector<Case> read_cases(const std::string& name) {
-    std::ifstream file(std::string(TX_XML_CASES) + "/" + name);
-    std::vector<Case> cases;
-    for (std::string line; std::getline(file, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        std::istringstream row(line);
-        Case& fields = cases.emplace_back();
-        for (std::string field; std::getline(row, field, '\t');) fields.push_back(field);
-        fields.resize(6);
-    }
+    std::vector<Case> cases = tx::test::read_table(std::string(TX_XML_CASES) + "/" + name, true);
+    for (Case& fields : cases) fields.resize(6);
     EXPECT_FALSE(cases.empty()) << name;
     return cases;
 }
