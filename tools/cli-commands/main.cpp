@@ -11,6 +11,8 @@
 //   cli-commands --man [--output FILE]
 //                                    the reference as the roff body of the
 //                                    manual page's COMMANDS section
+#include <getopt.h>
+
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -195,18 +197,24 @@ int main(int argc, char** argv) {
     bool man = false;
     std::string output;
     std::string check;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "--markdown") {
+    constexpr option kOptions[] = {{"markdown", no_argument, nullptr, 'm'},
+                                   {"man", no_argument, nullptr, 'n'},
+                                   {"output", required_argument, nullptr, 'o'},
+                                   {"check", required_argument, nullptr, 'c'},
+                                   {nullptr, 0, nullptr, 0}};
+    opterr = 0;  // the usage line says it all
+    for (int o; (o = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        if (o == 'm') {
             markdown = true;
-        } else if (arg == "--man") {
+        } else if (o == 'n') {
             man = true;
-        } else if ((arg == "--output" || arg == "--check") && i + 1 < argc) {
-            (arg == "--output" ? output : check) = argv[++i];
+        } else if (o == 'o' || o == 'c') {
+            (o == 'o' ? output : check) = optarg;
         } else {
             return usage();
         }
     }
+    if (optind != argc) return usage();
     if (markdown && man) return usage();
     if (man && !check.empty()) return usage();
     if (!markdown && !man) {
