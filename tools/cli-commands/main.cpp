@@ -20,6 +20,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "regexparser.hpp"
 
@@ -29,24 +30,20 @@ using namespace tx::grammar;
 
 struct topic {
     int category;
-    const char* title;
+    std::string_view title;
 };
 
-// In the order help lists them, then the rows help never lists.
-constexpr topic topics[] = {
-    {kSys, "sys"},
-    {kAudio, "audio"},
-    {kCall, "call"},
-    {kNet, "net"},
-    {kBt, "bt"},
-    {kBm64, "bm64"},
-    {kBle, "ble"},
-    {kCam, "cam"},
-    {kVoip, "voip"},
-    {kHidden, "hidden"},
-    {kUnlisted, "not listed by help"},
-    {kRootUnlisted, "not listed by help"},
-};
+// Each category of its own topic in the order help lists them, then the rows
+// help never lists.
+std::vector<topic> topics() {
+    std::vector<topic> out;
+    for (const TopicRange& t : help_topics()) {
+        if (t.low == t.high) out.push_back({t.low, t.topic});
+    }
+    out.push_back({kUnlisted, "not listed by help"});
+    out.push_back({kRootUnlisted, "not listed by help"});
+    return out;
+}
 
 const char* who(const topic& t) {
     return is_root_only(t.category) ? "root only" : "everyone";
@@ -124,7 +121,7 @@ void print_markdown(std::ostream& out) {
         << "expressions; one without a closing `$` is a prefix whose handler reads the rest\n"
         << "of the line. Values that may hold blanks are written as one double-quoted group.\n";
 
-    for (const topic& t : topics) {
+    for (const topic& t : topics()) {
         out << "\n## Category " << t.category << ": " << t.title << " (" << who(t) << ")\n\n";
         int count = 0;
         std::ostringstream body;
@@ -168,7 +165,7 @@ std::string roff(std::string_view plain) {
 
 void print_man(std::ostream& out) {
     out << ".\\\" Generated from the command table by cli-commands --man.\n";
-    for (const topic& t : topics) {
+    for (const topic& t : topics()) {
         std::ostringstream body;
         for (int row = 0; command_table[row].handler != nullptr; ++row) {
             const command_entry& entry = command_table[row];
