@@ -243,7 +243,25 @@ TEST(XmlStructure, NullArgumentsDeepTreesAndHostileEntities) {
     bomb += "]><r>&e11;</r>";
     const XmlDocumentPtr boom(xml_parse_string(bomb.data(), bomb.size() + 1));
     EXPECT_STREQ(boom->error, "");
-    EXPECT_LT(std::strlen(boom->text), std::size_t{1} << 26U);
+    // Expanded until the 16 MiB budget runs out, then the references stay as
+    // written: a run of whole e0 texts, then nothing but "&eN;".
+    const std::string_view text = boom->text;
+    const std::size_t expanded = text.find_first_not_of('x');
+    ASSERT_NE(expanded, std::string_view::npos) << "expanded past the budget";
+    EXPECT_EQ(expanded % 16, 0u);
+    EXPECT_GT(expanded, std::size_t{1} << 23U);
+    EXPECT_LE(expanded, std::size_t{1} << 24U);
+    std::string_view rest = text.substr(expanded);
+    std::size_t references = 0;
+    while (rest.starts_with("&e")) {
+        const std::size_t end = rest.find(';');
+        ASSERT_NE(end, std::string_view::npos) << rest.substr(0, 40);
+        EXPECT_EQ(rest.substr(2, end - 2).find_first_not_of("0123456789"), std::string_view::npos);
+        rest.remove_prefix(end + 1);
+        ++references;
+    }
+    EXPECT_EQ(rest, "") << "neither expanded nor a reference";
+    EXPECT_GT(references, 0u);
 }
 
 }  // namespace
