@@ -35,13 +35,8 @@ Case read_case(const tx::test::NamedCase& named) {
     Case c;
     for (tx::test::Row row : named.rows) {
         row.resize(3);
-        std::string field = row[0];
-        std::string value = row[1];
-        if (field.ends_with("-file")) {
-            field.resize(field.size() - 5);
-            value = read_file(std::string(DATA_DIR) + "/" + value);
-            if (value.ends_with('\n')) value.pop_back();
-        }
+        const std::string& field = row[0];
+        const std::string& value = row[1];
         if (field == "beside") {
             c.beside = value;
         } else if (field == "uid") {

@@ -2,10 +2,14 @@
 // one step of a case) per line, fields separated by tabs; empty lines and
 // lines that start with '#' are skipped. In a field \n, \r, \t and \0 stand
 // for those bytes, \s for a blank (for a text that ends in one), \xHH for the
-// byte of that hexadecimal value and \\ for a backslash.
+// byte of that hexadecimal value and \\ for a backslash. A field "@NAME"
+// stands for the content of the file NAME in data/ beside the case file,
+// without its last newline: a long input or expected text has a file of its
+// own.
 #pragma once
 
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -34,6 +38,18 @@ inline std::string unescape(std::string_view text) {
 
 using Row = std::vector<std::string>;
 
+// The field itself, or the content of the data file it names.
+inline std::string field_text(const std::string& table_path, const std::string& field) {
+    if (field.size() < 2 || field[0] != '@' || field.find_first_of(" \t") != std::string::npos)
+        return field;
+    const std::string dir = table_path.substr(0, table_path.find_last_of('/') + 1);
+    std::ifstream in(dir + "data/" + field.substr(1), std::ios::binary);
+    if (!in) return field;
+    std::string text{std::istreambuf_iterator<char>(in), {}};
+    if (text.ends_with('\n')) text.pop_back();
+    return text;
+}
+
 // The rows of a case file, fields unescaped unless `raw` (for fields that are
 // cut further before their escapes are read).
 inline std::vector<Row> read_table(const std::string& path, bool raw = false) {
@@ -43,8 +59,10 @@ inline std::vector<Row> read_table(const std::string& path, bool raw = false) {
         if (line.empty() || line[0] == '#') continue;
         Row& row = rows.emplace_back();
         std::istringstream fields(line);
-        for (std::string field; std::getline(fields, field, '\t');)
+        for (std::string field; std::getline(fields, field, '\t');) {
+            field = field_text(path, field);
             row.push_back(raw ? field : unescape(field));
+        }
         if (line.back() == '\t') row.emplace_back();
     }
     return rows;

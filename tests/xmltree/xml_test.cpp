@@ -129,12 +129,7 @@ char* heap_copy(const std::string& text) {
     return std::strcpy(static_cast<char*>(__real_malloc(text.size() + 1)), text.c_str());
 }
 
-// Fields: a script, then what it shows; the part is the element last
-// selected. The script's words: the root's name (~ for none), then
-// +NAME@OFFSET adds a child of the root and selects it, ^ selects the root,
-// =TEXT and *TEXT set a borrowed and an owned text, @NAME=VALUE and
-// #NAME=VALUE set an attribute with borrowed and handed-over strings, -NAME
-// removes one.
+// Runs a case of build_cases.txt (its script is explained there).
 Shown build_case(const Case& c) {
     std::deque<std::string> kept;  // borrowed strings outlive the tree
     std::istringstream words(c[0]);
