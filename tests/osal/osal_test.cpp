@@ -173,7 +173,6 @@ TEST(Select, TimeoutsBelowASecondAreWaitedAndNegativeOnesWaitForData) {
 }
 
 TEST(Smoke, FilesAndSelect) {
-
     const int fd = osal_file_open("/tmp/osal_smoke", OSAL_FILE_RDWR_TRUNC | OSAL_FILE_CREATE);
     ASSERT_EQ(osal_file_write(fd, "mapped", 6), 6);
     void* map = osal_file_map(fd, 0, 6);

@@ -10,6 +10,7 @@
 
 #include <fstream>
 #include <iterator>
+#include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -74,6 +75,11 @@ struct NamedCase {
     std::string name;
     std::vector<Row> rows;
 };
+
+// A failing parameterised test shows its case by name.
+inline void PrintTo(const NamedCase& c, std::ostream* out) {
+    *out << c.name;
+}
 
 inline std::vector<NamedCase> read_named_cases(const std::string& path) {
     std::vector<NamedCase> cases;
