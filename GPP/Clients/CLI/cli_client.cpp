@@ -26,8 +26,10 @@ pthread_t keepalive_thread_id;
 pthread_t signal_thread_id;
 
 // Taken by the first way out and never given back: a second one (SIGINT
-// during a typed exit) waits for the process to end.
-pthread_mutex_t departure = PTHREAD_MUTEX_INITIALIZER;
+// during a typed exit, or the end of input after SIGINT) waits for the
+// process to end. Recursive, as the end of input takes it before it saves
+// the history and again before it signals.
+pthread_mutex_t departure = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 
 // The terminal as the client found it. The line editor leaves SIGINT and
 // SIGTERM to us while they are blocked, so it cannot put its terminal back

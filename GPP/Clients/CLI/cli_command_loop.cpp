@@ -233,6 +233,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
         } else {
             input = read_line(gl, held);
             if (input == nullptr) {
+                cli_begin_departure();
                 gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
                 return 0;
             }
@@ -246,6 +247,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
         run_line(editor, line, caller);
 
         if (last_pass) {
+            cli_begin_departure();
             gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
             return 0;
         }
