@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstring>
 #include <mutex>
 #include <span>
@@ -31,35 +30,6 @@ constexpr int kQueueMode = 0666;
 // One lock for the whole process, shared by every channel. msgsnd is atomic
 // in the kernel; the lock only keeps the senders of this process in order.
 std::mutex channel_mutex;
-
-// The client sends its farewell from a signal handler, which may interrupt a
-// send (or flush step) of the very same thread while it holds the lock.
-// Locking again there would deadlock, so a thread that is already inside
-// the locked section goes on without taking the lock. The flag is raised
-// before locking, which also covers a signal that lands inside lock() itself.
-// Residual risk: none for this process's own consistency (msgsnd is one
-// system call), but the interrupted send and the handler's send reach the
-// queue in the handler-first order.
-thread_local volatile std::sig_atomic_t inside_channel_lock = 0;
-
-class ChannelLock {
-  public:
-    ChannelLock() : nested_(inside_channel_lock != 0) {
-        if (nested_) return;
-        inside_channel_lock = 1;
-        channel_mutex.lock();
-    }
-    ~ChannelLock() {
-        if (nested_) return;
-        channel_mutex.unlock();
-        inside_channel_lock = 0;
-    }
-    ChannelLock(const ChannelLock&) = delete;
-    ChannelLock& operator=(const ChannelLock&) = delete;
-
-  private:
-    bool nested_;
-};
 
 void log_prefixed(int line, const char* text) {
     osal_log(0, "%s %d [%d, %d]:%s\n", kSource, line, static_cast<int>(getpid()), osal_gettid(),
@@ -102,8 +72,6 @@ int channel_open(IpcChannel* channel, char role) {
     return 0;
 }
 
-// Callable from a signal handler: no allocation (the record lives on the
-// stack) and no lock taken twice by one thread (see ChannelLock).
 int channel_send(IpcChannel* channel, const char* text, long type, int word) {
     if (channel == nullptr) return 0;
     IpcMessage message{};
@@ -116,7 +84,7 @@ int channel_send(IpcChannel* channel, const char* text, long type, int word) {
     }
     int rc = 0;
     {
-        ChannelLock lock;
+        const std::lock_guard lock(channel_mutex);
         rc = msgsnd(channel->send_id, &message, IPC_PAYLOAD_LEN, IPC_NOWAIT);
     }
     return rc == 0 ? 1 : 0;
@@ -170,7 +138,7 @@ int channel_flush(IpcChannel* channel, long type) {
     for (;;) {
         ssize_t rc = 0;
         {
-            ChannelLock lock;
+            const std::lock_guard lock(channel_mutex);
             rc =
                 msgrcv(channel->send_id, &scratch, IPC_PAYLOAD_LEN, type, IPC_NOWAIT | MSG_NOERROR);
         }

@@ -36,34 +36,34 @@ std::size_t help_word_length(const char* p) noexcept {
     return n;
 }
 
-// "bm64" and "hidden" are topics too, but the usage does not list them.
-constexpr std::string_view kHelpUsage =
-    "help usage:\n"
-    "\t help         prints all commands\n"
-    "\t help all     prints all commands\n"
-    "\t help audio   prints audio commands\n"
-    "\t help bt      prints bt commands\n"
-    "\t help ble     prints ble commands\n"
-    "\t help call    prints call commands\n"
-    "\t help cam     prints camera commands\n"
-    "\t help net     prints network commands\n"
-    "\t help sys     prints system commands\n"
-    "\t help voip    prints voip commands\n";
-
-constexpr TopicRange kAllTopics = {"all", kSys, kVoip};
+// Every topic once, in the order help knows them; the usage lists them in
+// its own order and leaves out "bm64" and "hidden".
 constexpr TopicRange kTopics[] = {
-    kAllTopics,
-    {"sys", kSys, kSys},
-    {"audio", kAudio, kAudio},
-    {"call", kCall, kCall},
-    {"net", kNet, kNet},
-    {"bt", kBt, kBt},
-    {"bm64", kBm64, kBm64},
-    {"ble", kBle, kBle},
-    {"cam", kCam, kCam},
-    {"voip", kVoip, kVoip},
-    {"hidden", kHidden, kHidden},
+    {"all", kSys, kVoip, "all", 2},        {"sys", kSys, kSys, "system", 9},
+    {"audio", kAudio, kAudio, "audio", 3}, {"call", kCall, kCall, "call", 6},
+    {"net", kNet, kNet, "network", 8},     {"bt", kBt, kBt, "bt", 4},
+    {"bm64", kBm64, kBm64, {}, 0},         {"ble", kBle, kBle, "ble", 5},
+    {"cam", kCam, kCam, "camera", 7},      {"voip", kVoip, kVoip, "voip", 10},
+    {"hidden", kHidden, kHidden, {}, 0},
 };
+constexpr const TopicRange& kAllTopics = kTopics[0];
+
+// "help usage:", then a line for "help" alone and one for each listed topic.
+std::string help_usage() {
+    std::string lines[std::size(kTopics) + 2] = {"help usage:\n"};
+    const auto line = [](std::string_view topic, std::string_view what) {
+        std::string text = "\t help ";
+        text.append(topic).append(8 - topic.size(), ' ');
+        return text.append("prints ").append(what).append(" commands\n");
+    };
+    lines[1] = line("", kAllTopics.usage);
+    for (const TopicRange& t : kTopics) {
+        if (t.usage_line != 0) lines[t.usage_line] = line(t.topic, t.usage);
+    }
+    std::string usage;
+    for (const std::string& l : lines) usage += l;
+    return usage;
+}
 
 }  // namespace
 
@@ -354,7 +354,7 @@ std::string help_text(const command_entry* table, std::string_view topic_text, u
             }
         }
         if (range == nullptr) {
-            return std::string(kHelpUsage);
+            return help_usage();
         }
     }
 

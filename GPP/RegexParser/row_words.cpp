@@ -3,6 +3,13 @@
 // "[ ]*") between them, bracket expressions, groups of alternatives and
 // quantifiers. They are parsed into a tree once and walked word by word;
 // whatever cannot be spelled out as a short list of values counts as free.
+//
+// The row macros of command_table.cpp know a row's command words, but its
+// values ("[0-1]", "(rc|disconnected)", the three words of camera-ptz-home)
+// exist only as expression text, and the rows written out in full (join,
+// mic-conn-status, camera-image-defaults) have no macro at all: reading the
+// expression is the one way that serves every row, and the expression is
+// what the matcher enforces, so the words offered are the words accepted.
 #include <algorithm>
 #include <span>
 

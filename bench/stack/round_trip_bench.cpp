@@ -10,7 +10,6 @@
 // It refuses to run anywhere else. The programs are taken from TX_BIN_DIR, or
 // from the directory the bench itself is in.
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/ipc.h>
 #include <sys/msg.h>
@@ -28,6 +27,7 @@
 #include <vector>
 
 #include "ipc_channel.hpp"
+#include "spawn.hpp"
 
 namespace {
 
@@ -36,21 +36,6 @@ using Clock = std::chrono::steady_clock;
 std::string bin_dir() {
     if (const char* dir = std::getenv("TX_BIN_DIR")) return dir;
     return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
-}
-
-pid_t spawn(const std::string& path, const std::vector<std::string>& args) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int null_fd = open("/dev/null", O_RDWR);
-        dup2(null_fd, 0);
-        dup2(null_fd, 1);
-        std::vector<char*> argv{const_cast<char*>(path.c_str())};
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(path.c_str(), argv.data());
-        _exit(127);
-    }
-    return pid;
 }
 
 void stop(pid_t pid) {
@@ -116,10 +101,10 @@ int main(int argc, char** argv) {
     // A leaving client would signal SIGUSR2 around; nothing here should mind.
     signal(SIGUSR2, SIG_IGN);
     const std::string dir = bin_dir();
-    const pid_t coresim = spawn(dir + "/coresim", {});
+    const pid_t coresim = tx::spawn({dir + "/coresim"});
     if (!wait_for([] { return std::filesystem::exists("/tmp/CoreTxEvent0"); })) return 1;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    const pid_t cliconn = spawn(dir + "/cliconn", {});
+    const pid_t cliconn = tx::spawn({dir + "/cliconn"});
     if (!wait_for([] {
             return queue_exists("/tmp/cli_in_token") && queue_exists("/tmp/cli_out_token");
         })) {

@@ -1,7 +1,7 @@
-// The cli program against a stand-in connector, one case of cases.txt per
-// run: what the client puts on the queue, whom it signals and in which order,
-// what it prints and how it ends. Each case runs as the first process of its
-// own sandbox, the one process that a kill(-1) from the client spares.
+// The cli program against a stand-in connector, one case of cases.txt (its
+// notation is explained there) per run: what the client puts on the queue, whom it signals and in
+// which order, what it prints and how it ends. Each case runs as the first process of its own
+// sandbox, the one process that a kill(-1) from the client spares.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -17,9 +17,48 @@ namespace {
 using tx::test::Process;
 using tx::test::read_file;
 
-enum Column { kName, kBeside, kUid, kArgs, kInput, kStatus, kStdout, kCalls, kReplies };
-
 const std::regex kMarker(R"(\{(INT|TERM|EOF)\})");
+
+// One case of cases.txt, its fields gathered.
+struct Case {
+    std::string beside = "cliconn";
+    uid_t uid = 0;
+    std::vector<std::string> args;
+    std::string input;
+    int status = -1;
+    std::string prints;
+    std::string calls;
+    std::vector<std::string> replies;  // pairs: a text in the request, the answer
+};
+
+Case read_case(const tx::test::NamedCase& named) {
+    Case c;
+    for (tx::test::Row row : named.rows) {
+        row.resize(3);
+        const std::string& field = row[0];
+        const std::string& value = row[1];
+        if (field == "beside") {
+            c.beside = value;
+        } else if (field == "uid") {
+            c.uid = static_cast<uid_t>(std::stoul(value));
+        } else if (field == "arg") {
+            c.args.push_back(value);
+        } else if (field == "input") {
+            c.input += value + "\n";
+        } else if (field == "status") {
+            c.status = std::stoi(value);
+        } else if (field == "prints") {
+            c.prints += value;
+        } else if (field == "call") {
+            c.calls += value + "\n";
+        } else if (field == "reply") {
+            c.replies.insert(c.replies.end(), {value, row[2]});
+        } else {
+            ADD_FAILURE() << named.name << ": unknown field " << field;
+        }
+    }
+    return c;
+}
 
 std::string replace_all(std::string text, const std::string& from, const std::string& to) {
     for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
@@ -45,40 +84,38 @@ void act_at_markers(const std::string& expected, const std::function<std::string
     }
 }
 
-using CliCase = testing::TestWithParam<tx::test::Row>;
+using CliCase = testing::TestWithParam<tx::test::NamedCase>;
 
 TEST_P(CliCase, Run) {
     ASSERT_EQ(getpid(), 1) << "runs only as the first process of tools/sandbox";
-    tx::test::Row row = GetParam();
-    row.resize(std::max<std::size_t>(row.size(), kReplies));
-    const auto uid = static_cast<uid_t>(std::stoul(row[kUid]));
-    if (!tx::test::uid_usable(uid)) GTEST_SKIP() << "uid " << uid << " is not available here";
+    const Case c = read_case(GetParam());
+    if (!tx::test::uid_usable(c.uid)) GTEST_SKIP() << "uid " << c.uid << " is not available here";
     std::unique_ptr<Process> beside;
-    if (row[kBeside] != "none") {
-        auto argv = tx::test::target(row[kBeside] == "cliconn" ? STAND_IN : BYSTANDER);
-        argv.insert(argv.end(), row.begin() + kReplies, row.end());
-        beside =
-            std::make_unique<Process>(argv, "/tmp/beside", std::vector<std::string>{}, false, uid);
+    if (c.beside != "none") {
+        auto argv = tx::test::target(c.beside == "cliconn" ? STAND_IN : BYSTANDER);
+        argv.insert(argv.end(), c.replies.begin(), c.replies.end());
+        beside = std::make_unique<Process>(argv, "/tmp/beside", std::vector<std::string>{}, false,
+                                           c.uid);
         ASSERT_TRUE(tx::test::wait_until([&] { return beside->output() == "READY\n"; }));
     }
     // What the client runs under, e.g. "valgrind --error-exitcode=99 -q".
     const char* wrapper = std::getenv("TX_CLI_WRAPPER");
     auto argv = tx::test::split(wrapper != nullptr ? wrapper : "", ' ');
-    for (auto part : {tx::test::target(tx::test::bin("cli")), tx::test::split(row[kArgs], '|')})
+    for (auto part : {tx::test::target(tx::test::bin("cli")), c.args})
         argv.insert(argv.end(), part.begin(), part.end());
     Process cli(argv, "/tmp/out", {"HOME=/tmp", "LD_PRELOAD=" PRELOAD, "TX_CALL_LOG=/tmp/calls"},
-                true, uid);
-    cli.write(row[kInput]);
-    std::string calls = replace_all(row[kCalls], "$CLI", std::to_string(cli.pid()));
+                true, c.uid);
+    cli.write(c.input);
+    std::string calls = replace_all(c.calls, "$CLI", std::to_string(cli.pid()));
     calls = replace_all(calls, "$PEER", std::to_string(beside ? beside->pid() : 0));
-    const std::string out = replace_all(row[kStdout], "$BIN", tx::test::bin(""));
+    const std::string out = replace_all(c.prints, "$BIN", tx::test::bin(""));
     act_at_markers(
         calls, [] { return read_file("/tmp/calls"); }, cli);
     act_at_markers(
         out, [&] { return cli.output(); }, cli);
     cli.close_input();
 
-    EXPECT_EQ(cli.wait(), std::stoi(row[kStatus])) << read_file("/tmp/out.err");
+    EXPECT_EQ(cli.wait(), c.status) << read_file("/tmp/out.err");
     const std::regex time_text("[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9]\\d \\d\\d:\\d\\d:\\d\\d");
     EXPECT_EQ(std::regex_replace(cli.output(), time_text, "$$TIME"),
               std::regex_replace(out, kMarker, ""));
@@ -93,7 +130,7 @@ TEST_P(CliCase, Run) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Table, CliCase, testing::ValuesIn(tx::test::read_table(CASES)),
-                         [](const auto& info) { return info.param[kName]; });
+INSTANTIATE_TEST_SUITE_P(Table, CliCase, testing::ValuesIn(tx::test::read_named_cases(CASES)),
+                         [](const auto& info) { return info.param.name; });
 
 }  // namespace

@@ -5,13 +5,18 @@
 // a row of the syntax it was written for and a rejected one to no row.
 #include <regex.h>
 
+#include <iterator>
 #include <memory>
+#include <optional>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
+#include "fixed_text.hpp"
 #include "matcher_detail.hpp"
 #include "regexparser/grammar_cases.hpp"
+#include "support/table.hpp"
 
 namespace {
 
@@ -111,6 +116,47 @@ TEST(Grammar, MatcherAgreesWithTheReferenceOnEveryExample) {
         }
     }
     EXPECT_EQ(covered.size(), reference.rows());
+}
+
+// The property map has an entry for every row that needs one: each line a
+// get, set or report row accepts names a property, the map's key for the
+// name typed or, for the rows that pass it on as typed, that name itself.
+TEST(Grammar, EveryAcceptedSettingLineNamesItsProperty) {
+    for (const Case& c : grammar_test::read_cases("examples.txt")) {
+        const std::string& line = c[2];
+        std::istringstream in(line);
+        const std::vector<std::string> words{std::istream_iterator<std::string>(in), {}};
+        // Lines with a newline inside test the matcher, not the handlers.
+        if (c[1] != "+" || words.size() < 2 || line.find('\n') != std::string::npos) continue;
+        if (words[0] != "get" && words[0] != "set" && words[0] != "report") continue;
+        const tx::grammar::Match m = tx::grammar::match(line, {0, true});
+        const std::string_view property = tx::field_view(m.record.property);
+        EXPECT_TRUE(property == words[1] || property.ends_with("." + words[1]))
+            << line << " gives the property \"" << property << "\"";
+    }
+}
+
+// A setting's starting value is written once, in the help lines of its
+// rows: where both its get and its set row state one they agree, and the set
+// row accepts it.
+TEST(Grammar, StatedDefaultsAgreeAndPassTheSetRow) {
+    std::size_t stated = 0;
+    for (const command_entry& row : tx::grammar::command_rows()) {
+        const std::string_view syntax = syntax_of(row);
+        if (!syntax.starts_with("get ") && !syntax.starts_with("set ")) continue;
+        const std::optional<std::string> value = tx::grammar::stated_default(row);
+        if (!value) continue;
+        ++stated;
+        const std::string name(syntax.substr(4, syntax.find(' ', 4) - 4));
+        EXPECT_EQ(tx::grammar::stated_default(name), value) << row.help;
+        const std::string quoted =
+            value->find(' ') != std::string::npos && name != "camera-ptz-home"
+                ? "\"" + *value + "\""
+                : *value;
+        const tx::grammar::Match set = tx::grammar::match("set " + name + " " + quoted, {0, true});
+        EXPECT_TRUE(value->empty() || set.accepted()) << "set " << name << " " << quoted;
+    }
+    EXPECT_GT(stated, 200u);
 }
 
 }  // namespace

@@ -1,21 +1,17 @@
-// Completion over the real command table. The cases are in
-// completion_cases.txt, one per line, fields separated by tabs:
-//   complete UID VOIP LINE OFFERED   candidates, or help: and the help lines shown; - for nothing
-//   words SYNTAX SPELLED             row_words of the row whose help starts with SYNTAX
-//   builtin LINE KIND                what the command loop takes the line for
+// Completion over the real command table, case by case from
+// completion_cases.txt (its notation is explained there).
 #include "completion.hpp"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <fstream>
 #include <regex>
 #include <span>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "matcher_detail.hpp"
+#include "support/table.hpp"
 
 namespace {
 
@@ -42,12 +38,12 @@ std::string spelled(const RowWords& r) {
 TEST(Completion, CasesOverTheTable) {
     constexpr const char* kKinds[] = {"none", "exit", "echo", "help", "prompt"};
     const std::span rows(command_table, count_rows(command_table));
-    std::ifstream in(CASES_FILE);
-    ASSERT_TRUE(in.is_open());
-    for (std::string line; std::getline(in, line);) {
-        std::vector<std::string> f;
-        std::istringstream fields(line);
-        for (std::string field; std::getline(fields, field, '\t');) f.push_back(field);
+    const std::vector<tx::test::Row> cases = tx::test::read_table(CASES_FILE);
+    ASSERT_FALSE(cases.empty());
+    for (const tx::test::Row& f : cases) {
+        std::string line;
+        for (const std::string& field : f) line += field + " | ";
+        SCOPED_TRACE(line);
         if (f.size() == 5 && f[0] == "complete") {
             const Completer completer(static_cast<uid_t>(std::stoi(f[1])), f[2] == "1");
             EXPECT_EQ(offered(completer.complete(f[3])), f[4]) << line;
@@ -60,7 +56,7 @@ TEST(Completion, CasesOverTheTable) {
         } else if (f.size() == 3 && f[0] == "builtin") {
             EXPECT_EQ(kKinds[static_cast<int>(classify_builtin(f[1]))], f[2]) << line;
         } else {
-            EXPECT_TRUE(line.empty() || line[0] == '#') << "not a case: " << line;
+            ADD_FAILURE() << "not a case";
         }
     }
 }

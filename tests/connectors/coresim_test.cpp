@@ -1,5 +1,6 @@
-// The simulated device core without its process: request handling, the
-// framing of its command FIFOs and the FIFOs it keeps.
+// The simulated device core without its process: its answers (case by case
+// from coresim_cases.txt), where its settings start, the framing of its
+// command FIFOs and the FIFOs it keeps.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -7,11 +8,17 @@
 
 #include <filesystem>
 #include <fstream>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "core.hpp"
 #include "fifo.hpp"
+#include "property_map.hpp"
+#include "regexparser.hpp"
+#include "settings_table.hpp"
+#include "support/table.hpp"
 
 namespace {
 
@@ -25,16 +32,58 @@ std::string response_of(coresim::Core& core, const std::string& body) {
     return out.records.empty() ? "" : out.records.front().second;
 }
 
-TEST(CoreSim, AnswersEachRequestOfTheCaseTable) {
-    std::ifstream cases(CORESIM_CASES);
-    ASSERT_TRUE(cases) << CORESIM_CASES;
+using CoreSimCase = testing::TestWithParam<tx::test::NamedCase>;
+
+TEST_P(CoreSimCase, Answers) {
     coresim::Core core;
-    for (std::string line; std::getline(cases, line);) {
-        const auto arrow = line.find(" => ");
-        if (line.empty() || line[0] == '#' || arrow == std::string::npos) continue;
-        const std::string response = response_of(core, line.substr(0, arrow));
-        EXPECT_NE(response.find(line.substr(arrow + 4)), std::string::npos) << line << "\n"
-                                                                            << response;
+    for (tx::test::Row row : GetParam().rows) {
+        row.resize(2);
+        const std::string response = response_of(core, row[0]);
+        EXPECT_NE(response.find(row[1]), std::string::npos) << row[0] << "\n" << response;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Table, CoreSimCase,
+                         testing::ValuesIn(tx::test::read_named_cases(CORESIM_CASES)),
+                         [](const auto& info) { return info.param.name; });
+
+// What a setting starts with is written once, in the command table; the core
+// adds only what no help line states.
+TEST(CoreSim, StartsEverySettingAtTheDefaultItsHelpStates) {
+    const coresim::Core core;
+    std::size_t checked = 0;
+    for (const PropertyNameMap* row = property_name_map; row->key != nullptr; ++row) {
+        const std::optional<std::string> stated = tx::grammar::stated_default(row->name);
+        if (!stated) continue;
+        ASSERT_NE(core.setting(row->key), nullptr) << row->key;
+        EXPECT_EQ(*core.setting(row->key), *stated) << row->key;
+        ++checked;
+    }
+    EXPECT_GT(checked, 150u);
+    for (const DeviceValue& own : coresim_device_values()) {
+        const char* name = property_name_for_key(own.key);
+        EXPECT_TRUE(name != nullptr && !tx::grammar::stated_default(name)) << own.key;
+    }
+}
+
+// The core refuses what the grammar refuses, and takes what it takes.
+TEST(CoreSim, NumericRangesAreTheGrammarsOwn) {
+    for (const SettingRange& range : coresim_ranges()) {
+        const std::string name = property_name_for_key(range.key);
+        const auto accepted = [&](double value) {
+            std::ostringstream line;
+            line << "set " << name << " ";
+            if (range.kind == SettingKind::integer) {
+                line << static_cast<long>(value);
+            } else {
+                line << value;
+            }
+            return tx::grammar::match(line.str(), {0, true}).accepted();
+        };
+        // Settings that no command sets (they are reported) have no row to agree with.
+        if (!accepted(range.min) && !accepted(range.max)) continue;
+        EXPECT_TRUE(accepted(range.min) && accepted(range.max)) << range.key;
+        EXPECT_FALSE(accepted(range.min - 1) || accepted(range.max + 1)) << range.key;
     }
 }
 

@@ -5,13 +5,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <string>
-#include <thread>
 
 #include "ipc_channel.hpp"
 #include "osal/log_capture.hpp"
@@ -68,34 +64,6 @@ TEST_F(Channel, FailedReceivesAreLogged) {
     conn.remove(&conn);
     EXPECT_EQ(client.receive(&client, &msg, 5), 0);
     EXPECT_EQ(log.take(), report_prefix("ipc_channel", 201) + "error receiving ipc message\n\n");
-}
-
-IpcChannel* farewell_channel = nullptr;
-
-// A signal that lands while its thread is inside a send must not deadlock
-// on the channel lock that the interrupted send holds.
-TEST_F(Channel, ASendFromASignalHandlerInterruptingASendCompletes) {
-    farewell_channel = &client;
-    // What the client's SIGINT handler does: one more send on the same channel.
-    std::signal(SIGUSR1, [](int) {
-        const int interrupted = errno;
-        farewell_channel->send(farewell_channel, "farewell", 99, 0);
-        errno = interrupted;
-    });
-    std::atomic<bool> done{false};
-    std::thread sender([&] {
-        for (int i = 0; i < 20000; ++i) {
-            client.send(&client, "busy", 11, 0);
-            if (i % 64 == 0) client.flush(&client, 0);
-        }
-        done = true;
-    });
-    // A deadlock shows as a test that never ends.
-    while (!done) {
-        pthread_kill(sender.native_handle(), SIGUSR1);
-        std::this_thread::sleep_for(std::chrono::microseconds(50));
-    }
-    sender.join();
 }
 
 // A record that is empty or does not fit is never written to the core.

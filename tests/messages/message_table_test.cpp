@@ -12,6 +12,7 @@
 
 #include "queue.hpp"
 #include "support/fake_transport.hpp"
+#include "support/table.hpp"
 
 namespace {
 
@@ -121,22 +122,19 @@ const std::map<std::string, std::function<std::string(const Args&)>> routines = 
 };
 
 TEST(MessageTable, EveryCaseGivesItsResult) {
-    std::ifstream file(MESSAGE_CASES);
-    ASSERT_TRUE(file.is_open()) << MESSAGE_CASES;
-    int line_number = 0;
-    for (std::string line; std::getline(file, line);) {
-        ++line_number;
-        if (line.empty() || line[0] == '#') continue;
-        // The added tab keeps an empty expected result as a field of its own.
-        const Args fields = split(expand(line) + '\t', '\t');
+    const std::vector<tx::test::Row> cases = tx::test::read_table(MESSAGE_CASES, true);
+    ASSERT_FALSE(cases.empty()) << MESSAGE_CASES;
+    for (const tx::test::Row& row : cases) {
+        Args fields;
+        for (const std::string& field : row) fields.push_back(expand(field));
+        SCOPED_TRACE(joined(Args(row.begin(), row.begin() + std::min<std::size_t>(row.size(), 2))));
         const auto routine = routines.find(fields.front());
-        ASSERT_TRUE(routine != routines.end() && fields.size() >= 3) << "line " << line_number;
+        ASSERT_TRUE(routine != routines.end() && fields.size() >= 3);
         const Args args(fields.begin() + 1, fields.end() - 1);
         // What the routine printed on standard output comes first.
         testing::internal::CaptureStdout();
         const std::string result = routine->second(args);
-        EXPECT_EQ(testing::internal::GetCapturedStdout() + result, fields.back())
-            << "line " << line_number;
+        EXPECT_EQ(testing::internal::GetCapturedStdout() + result, fields.back());
     }
 }
 

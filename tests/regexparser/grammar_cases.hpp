@@ -1,8 +1,5 @@
-// Case files of the command grammar tests, and the kernel command line they
-// run under. A case file holds one case per line, fields separated by tabs;
-// blank lines and lines starting with '#' are skipped. In a field "\t", "\n",
-// "\r" and "\\" stand for those characters and "\s" for a blank (for texts
-// that end in one).
+// Case files of the command grammar tests (see support/table.hpp), and the
+// kernel command line they run under.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,38 +13,16 @@
 #include <vector>
 
 #include "osal.hpp"
+#include "support/table.hpp"
 
 namespace grammar_test {
 
-using Case = std::vector<std::string>;
-
-inline std::string unescape(std::string_view field) {
-    std::string out;
-    for (std::size_t i = 0; i < field.size(); ++i) {
-        const char c = field[i] == '\\' && i + 1 < field.size() ? field[++i] : '\0';
-        out += c == '\0'  ? field[i]
-               : c == 't' ? '\t'
-               : c == 'n' ? '\n'
-               : c == 'r' ? '\r'
-               : c == 's' ? ' '
-                          : c;
-    }
-    return out;
-}
+using Case = tx::test::Row;
 
 // The cases of a file in the test's source directory.
 inline std::vector<Case> read_cases(const std::string& name) {
-    std::ifstream in(std::string(TX_CASES_DIR) + "/" + name);
-    EXPECT_TRUE(in.is_open()) << name;
-    std::vector<Case> cases;
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty() || line[0] == '#') continue;
-        Case& c = cases.emplace_back();
-        for (std::size_t start = 0, tab = 0; tab != std::string::npos; start = tab + 1) {
-            tab = line.find('\t', start);
-            c.push_back(unescape(std::string_view(line).substr(start, tab - start)));
-        }
-    }
+    std::vector<Case> cases = tx::test::read_table(std::string(TX_CASES_DIR) + "/" + name);
+    EXPECT_FALSE(cases.empty()) << name;
     return cases;
 }
 

@@ -30,7 +30,7 @@ bool in_client() {
 // The definition that this library hides.
 #define NEXT(function) reinterpret_cast<decltype(&function)>(dlsym(RTLD_NEXT, #function))
 
-// No allocation: the client also calls out from its signal handler.
+// No allocation: calls may come from any thread of the client, at any moment.
 template <typename... Args>
 void log_call(const char* format, Args... args) {
     const char* path = std::getenv("TX_CALL_LOG");

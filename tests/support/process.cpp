@@ -1,7 +1,6 @@
 #include "process.hpp"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -9,9 +8,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
+
+#include "spawn.hpp"
 
 namespace tx::test {
 
@@ -26,44 +26,20 @@ std::string emulator() {
 }
 
 // Sanitized programs write their reports to files of their own, whatever
-// they do with standard error. cli's signal handler works in signal context
-// on purpose, and a preloaded library may come before the sanitizer runtime.
-void add_sanitizer_options() {
+// they do with standard error; a preloaded library may come before the
+// sanitizer runtime.
+std::vector<std::string> sanitizer_options() {
     const std::string log = "log_path=/tmp/" + std::string(kReportPrefix);
+    std::vector<std::string> env;
     for (const auto& [name, extra] :
          {std::pair{"ASAN_OPTIONS", ":verify_asan_link_order=0"}, std::pair{"UBSAN_OPTIONS", ""},
-          std::pair{"TSAN_OPTIONS", ":report_signal_unsafe=0"}}) {
+          std::pair{"TSAN_OPTIONS", ""}}) {
         const char* current = std::getenv(name);
         const std::string before =
             current != nullptr && *current != '\0' ? current + std::string(":") : "";
-        setenv(name, (before + log + extra).c_str(), 1);
+        env.push_back(std::string(name) + "=" + before + log + extra);
     }
-}
-
-// Runs in the child between fork and exec: a fresh process with default
-// signal dispositions (a test started in the background ignores SIGINT),
-// its own files and user, then the program.
-[[noreturn]] void exec_child(const std::vector<std::string>& argv, const std::string& log,
-                             std::vector<std::string>& env, int input, uid_t uid) {
-    for (int signo = 1; signo < NSIG; ++signo) ::signal(signo, SIG_DFL);
-    add_sanitizer_options();
-    for (std::string& entry : env) {
-        // The emulator hands a preloaded target library to the emulated loader.
-        if (!emulator().empty() && entry.starts_with("LD_PRELOAD="))
-            entry = "TX_TARGET_PRELOAD" + entry.substr(entry.find('='));
-        putenv(entry.data());
-    }
-    const int out = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    const int err = open((log + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
-    if (input < 0) input = open("/dev/null", O_RDONLY);
-    if (dup2(input, 0) < 0 || dup2(out, 1) < 0 || dup2(err, 2) < 0) _exit(125);
-    if (uid != 0 && (setgroups(0, nullptr) != 0 || setgid(uid) != 0 || setuid(uid) != 0))
-        _exit(126);
-    std::vector<char*> args;
-    for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
-    args.push_back(nullptr);
-    execv(args[0], args.data());
-    _exit(127);
+    return env;
 }
 
 }  // namespace
@@ -89,16 +65,6 @@ std::vector<std::string> split(const std::string& text, char separator) {
     std::istringstream in(text);
     for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
     return parts;
-}
-
-std::vector<Row> read_table(const std::string& path) {
-    std::vector<Row> rows;
-    for (std::string line : split(read_file(path), '\n')) {
-        if (line.empty() || line.starts_with('#')) continue;
-        line = std::regex_replace(line, std::regex(R"(\\n)"), "\n");
-        rows.push_back(split(std::regex_replace(line, std::regex(R"(\\r)"), "\r"), '\t'));
-    }
-    return rows;
 }
 
 std::vector<std::string> target(const std::string& path) {
@@ -130,11 +96,25 @@ Process::Process(const std::vector<std::string>& argv, std::string log,
                  std::vector<std::string> env, bool input, uid_t uid)
     : log_(std::move(log)) {
     ::signal(SIGPIPE, SIG_IGN);  // a program that ended early must not end the test
+    SpawnOptions options;
+    options.env = sanitizer_options();
+    options.uid = uid;
+    for (std::string& entry : env) {
+        // The emulator hands a preloaded target library to the emulated loader.
+        if (!emulator().empty() && entry.starts_with("LD_PRELOAD="))
+            entry = "TX_TARGET_PRELOAD" + entry.substr(entry.find('='));
+        options.env.push_back(entry);
+    }
     int pipe_fds[2] = {-1, -1};
     if (input && pipe2(pipe_fds, O_CLOEXEC) != 0) return;
-    pid_ = fork();
-    if (pid_ == 0) exec_child(argv, log_, env, pipe_fds[0], uid);
-    if (pipe_fds[0] >= 0) close(pipe_fds[0]);
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC;
+    options.in_fd = pipe_fds[0];
+    options.out_fd = open(log_.c_str(), kFlags, 0666);
+    options.err_fd = open((log_ + ".err").c_str(), kFlags, 0666);
+    pid_ = spawn(argv, options);
+    for (const int fd : {pipe_fds[0], options.out_fd, options.err_fd}) {
+        if (fd >= 0) close(fd);
+    }
     input_ = pipe_fds[1];
 }
 

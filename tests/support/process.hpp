@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "support/table.hpp"
+
 namespace tx::test {
 
 using namespace std::chrono_literals;
@@ -21,12 +23,6 @@ std::string read_file(const std::string& path);
 
 // Polls `done` until it holds or `limit` has passed; returns its last answer.
 bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = 15s);
-
-// The lines of a table file that are neither empty nor "#" comments, each cut
-// at tabs into fields in which \n and \r stand for themselves. Empty fields at
-// the end of a line are left out.
-using Row = std::vector<std::string>;
-std::vector<Row> read_table(const std::string& path);
 
 // Splits `text` at `separator`; "" gives no parts, nor does a final separator.
 std::vector<std::string> split(const std::string& text, char separator);

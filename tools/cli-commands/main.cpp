@@ -17,6 +17,8 @@
 //   cli-commands --settings-man [--output FILE]
 //                                    the same as the roff body of txconfig's
 //                                    manual page's SETTINGS section
+#include <getopt.h>
+
 #include <cstdio>
 #include <fstream>
 #include <iostream>
@@ -36,24 +38,20 @@ using namespace tx::grammar;
 
 struct topic {
     int category;
-    const char* title;
+    std::string_view title;
 };
 
-// In the order help lists them, then the rows help never lists.
-constexpr topic topics[] = {
-    {kSys, "sys"},
-    {kAudio, "audio"},
-    {kCall, "call"},
-    {kNet, "net"},
-    {kBt, "bt"},
-    {kBm64, "bm64"},
-    {kBle, "ble"},
-    {kCam, "cam"},
-    {kVoip, "voip"},
-    {kHidden, "hidden"},
-    {kUnlisted, "not listed by help"},
-    {kRootUnlisted, "not listed by help"},
-};
+// Each category of its own topic in the order help lists them, then the rows
+// help never lists.
+std::vector<topic> topics() {
+    std::vector<topic> out;
+    for (const TopicRange& t : help_topics()) {
+        if (t.low == t.high) out.push_back({t.low, t.topic});
+    }
+    out.push_back({kUnlisted, "not listed by help"});
+    out.push_back({kRootUnlisted, "not listed by help"});
+    return out;
+}
 
 const char* who(const topic& t) {
     return is_root_only(t.category) ? "root only" : "everyone";
@@ -131,7 +129,7 @@ void print_markdown(std::ostream& out) {
         << "expressions; one without a closing `$` is a prefix whose handler reads the rest\n"
         << "of the line. Values that may hold blanks are written as one double-quoted group.\n";
 
-    for (const topic& t : topics) {
+    for (const topic& t : topics()) {
         out << "\n## Category " << t.category << ": " << t.title << " (" << who(t) << ")\n\n";
         int count = 0;
         std::ostringstream body;
@@ -230,7 +228,7 @@ std::string roff(std::string_view plain) {
 
 void print_man(std::ostream& out) {
     out << ".\\\" Generated from the command table by cli-commands --man.\n";
-    for (const topic& t : topics) {
+    for (const topic& t : topics()) {
         std::ostringstream body;
         for (int row = 0; command_table[row].handler != nullptr; ++row) {
             const command_entry& entry = command_table[row];
@@ -276,22 +274,30 @@ int main(int argc, char** argv) {
     bool settings_man = false;
     std::string output;
     std::string check;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view arg = argv[i];
-        if (arg == "--markdown") {
+    constexpr option kOptions[] = {{"markdown", no_argument, nullptr, 'm'},
+                                   {"man", no_argument, nullptr, 'n'},
+                                   {"settings", no_argument, nullptr, 's'},
+                                   {"settings-man", no_argument, nullptr, 'S'},
+                                   {"output", required_argument, nullptr, 'o'},
+                                   {"check", required_argument, nullptr, 'c'},
+                                   {nullptr, 0, nullptr, 0}};
+    opterr = 0;  // the usage line says it all
+    for (int o; (o = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        if (o == 'm') {
             markdown = true;
-        } else if (arg == "--man") {
+        } else if (o == 'n') {
             man = true;
-        } else if (arg == "--settings") {
+        } else if (o == 's') {
             settings = true;
-        } else if (arg == "--settings-man") {
+        } else if (o == 'S') {
             settings_man = true;
-        } else if ((arg == "--output" || arg == "--check") && i + 1 < argc) {
-            (arg == "--output" ? output : check) = argv[++i];
+        } else if (o == 'o' || o == 'c') {
+            (o == 'o' ? output : check) = optarg;
         } else {
             return usage();
         }
     }
+    if (optind != argc) return usage();
     if (markdown + man + settings + settings_man > 1) return usage();
     if ((man || settings_man) && !check.empty()) return usage();
     if (settings) {

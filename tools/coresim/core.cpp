@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "property_map.hpp"
+#include "regexparser.hpp"
 #include "settings_table.hpp"
 #include "xmltree.hpp"
 
@@ -72,8 +73,8 @@ bool parse_number(const std::string& text, SettingKind kind, double& out) {
     return errno == 0 && end != nullptr && *end == '\0';
 }
 
-const SettingRow* row_for(std::string_view key) {
-    for (const SettingRow& row : coresim_settings())
+const SettingRange* range_for(std::string_view key) {
+    for (const SettingRange& row : coresim_ranges())
         if (key == row.key) return &row;
     return nullptr;
 }
@@ -147,10 +148,16 @@ bool parse_request(std::string_view record, Request& request) {
 }
 
 Core::Core() {
+    for (const DeviceValue& row : coresim_device_values()) settings_[row.key] = row.value;
     for (const PropertyNameMap* row = property_name_map; row->key != nullptr && row->key[0] != '\0';
-         ++row)
-        settings_.emplace(row->key, "0");
-    for (const SettingRow& row : coresim_settings()) settings_[row.key] = row.default_value;
+         ++row) {
+        const std::optional<std::string> stated = tx::grammar::stated_default(row->name);
+        if (stated) {
+            settings_[row->key] = *stated;
+        } else {
+            settings_.emplace(row->key, "0");
+        }
+    }
     for (const char* line : LINES) calls_[line] = CallState{};
 }
 
@@ -260,7 +267,7 @@ Core::Reply Core::handle_setting(const Request& request, std::vector<Change>& ch
         reply.values = {{"", it->second}};
         return reply;
     }
-    const SettingRow* row = row_for(key);
+    const SettingRange* row = range_for(key);
     std::string value = param_value(request);
     if (request.action == "increment" || request.action == "decrement") {
         const auto steps = coresim_camera_steps();
@@ -279,7 +286,7 @@ Core::Reply Core::handle_setting(const Request& request, std::vector<Change>& ch
                               ? std::min(cur + step->step, std::max(cur, lim))
                               : std::max(cur - step->step, std::min(cur, lim));
         value = std::to_string(next);
-    } else if (row != nullptr && row->kind != SettingKind::text) {
+    } else if (row != nullptr) {
         double number = 0;
         if (!parse_number(value, row->kind, number) || number < row->min || number > row->max) {
             reply.values = {{"", "error out of range"}};

@@ -9,6 +9,7 @@
 //                   the reply can count the request in the log
 //     --state FILE  load settings from FILE at start, save them after each change
 //     --delay MS    answer each request MS milliseconds late, as a busy device
+#include <getopt.h>
 #include <poll.h>
 #include <signal.h>
 #include <unistd.h>
@@ -41,19 +42,22 @@ struct Options {
 };
 
 bool parse_options(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "-v") {
+    constexpr option kLong[] = {{"state", required_argument, nullptr, 's'},
+                                {"delay", required_argument, nullptr, 'd'},
+                                {nullptr, 0, nullptr, 0}};
+    opterr = 0;  // the usage line says it all
+    for (int o; (o = getopt_long(argc, argv, "v", kLong, nullptr)) != -1;) {
+        if (o == 'v') {
             options.verbose = true;
-        } else if (arg == "--state" && i + 1 < argc) {
-            options.state_path = argv[++i];
-        } else if (arg == "--delay" && i + 1 < argc) {
-            options.delay_ms = std::atoi(argv[++i]);
+        } else if (o == 's') {
+            options.state_path = optarg;
+        } else if (o == 'd') {
+            options.delay_ms = std::atoi(optarg);
         } else {
             return false;
         }
     }
-    return true;
+    return optind == argc;
 }
 
 void install_signal_handlers() {

@@ -1,22 +1,29 @@
-// The simulated device's settings: a default value and, for numeric
-// settings, the range the command grammar lets through.
+// The simulated device's settings. What a setting starts with comes from the
+// command table's help lines (tx::grammar::stated_default); these tables add
+// what the device itself is, and the ranges of numeric settings.
 #pragma once
 
 #include <span>
 
-enum class SettingKind { text, integer, real };
+enum class SettingKind { integer, real };
 
-struct SettingRow {
-    const char* key;            // full property key
-    const char* default_value;  // what the device reports after a factory reset
+// A numeric setting and the range the command grammar lets through.
+struct SettingRange {
+    const char* key;  // full property key
     SettingKind kind;
-    double min;  // numeric kinds only
+    double min;
     double max;
 };
+std::span<const SettingRange> coresim_ranges();
 
-// Settings with a known default or range. Every other key of the property
-// name map starts as "0" and takes any text.
-std::span<const SettingRow> coresim_settings();
+// A starting value that no help line states (the product, its serial
+// number, what is connected). Every other key starts as its help states, or
+// as "0".
+struct DeviceValue {
+    const char* key;
+    const char* value;
+};
+std::span<const DeviceValue> coresim_device_values();
 
 // Camera moves: increment/decrement step toward the limit the request names.
 struct CameraStep {

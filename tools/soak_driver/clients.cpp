@@ -9,6 +9,7 @@
 #include <cstring>
 
 #include "processes.hpp"
+#include "spawn.hpp"
 
 namespace soak {
 
@@ -76,7 +77,10 @@ void CliClient::start() {
     }
     // Its replies are printed from another thread than the one that reads;
     // unbuffered, they arrive as they are printed.
-    pid_ = spawn({"/usr/bin/stdbuf", "-o0", cli_path_}, input[0], output[1]);
+    tx::SpawnOptions options;
+    options.in_fd = input[0];
+    options.out_fd = output[1];
+    pid_ = tx::spawn({"/usr/bin/stdbuf", "-o0", cli_path_}, options);
     close(input[0]);
     close(output[1]);
     input_fd_ = input[1];

@@ -5,11 +5,12 @@
 // back, how many replies reached a client that did not ask for them and how
 // many times a connector or the core ended without being told to.
 //
-//   soak_driver SECONDS LOG_DIR [SEED]
+//   soak_driver --seconds N --logs DIR [--seed N]
 //
 // It starts cli, which signals processes by name and all of them when it
 // finds no cliconn, so it runs only as the first process of a sandbox, which
 // such signals never reach.
+#include <getopt.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -27,6 +28,7 @@
 #include "clients.hpp"
 #include "osal.hpp"
 #include "processes.hpp"
+#include "spawn.hpp"
 
 namespace {
 
@@ -85,7 +87,9 @@ Soak::Soak(int seconds, const std::string& bin, std::string log_dir, unsigned se
 
 void Soak::start(Component& component) {
     const int log = soak::open_log(log_dir_ + "/" + component.name + ".log");
-    component.pid = soak::spawn(component.argv, -1, log);
+    tx::SpawnOptions options;
+    options.out_fd = log;
+    component.pid = tx::spawn(component.argv, options);
     if (log >= 0) close(log);
     component.stopping = false;
 }
@@ -220,15 +224,25 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "soak_driver: not the first process of a sandbox, refusing to run\n");
         return 2;
     }
-    if (argc < 3) {
-        std::fprintf(stderr, "usage: soak_driver SECONDS LOG_DIR [SEED]\n");
+    int seconds = 0;
+    std::string logs;
+    unsigned seed = std::random_device{}();
+    constexpr option kOptions[] = {{"seconds", required_argument, nullptr, 's'},
+                                   {"logs", required_argument, nullptr, 'l'},
+                                   {"seed", required_argument, nullptr, 'r'},
+                                   {nullptr, 0, nullptr, 0}};
+    for (int o; (o = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        if (o == 's') seconds = std::atoi(optarg);
+        if (o == 'l') logs = optarg;
+        if (o == 'r') seed = static_cast<unsigned>(std::strtoul(optarg, nullptr, 10));
+        if (o == '?') seconds = 0;
+    }
+    if (seconds <= 0 || logs.empty() || optind != argc) {
+        std::fprintf(stderr, "usage: soak_driver --seconds N --logs DIR [--seed N]\n");
         return 2;
     }
-    const int seconds = std::atoi(argv[1]);
-    const unsigned seed = argc > 3 ? static_cast<unsigned>(std::strtoul(argv[3], nullptr, 10))
-                                   : std::random_device{}();
     std::fprintf(stderr, "soak: %d s, seed %u\n", seconds, seed);
-    // Its children get the defaults back (see spawn).
+    // Its children get the defaults back (tx::spawn).
     for (const int sig : {SIGPIPE, SIGUSR2, SIGINT, SIGTERM}) signal(sig, SIG_IGN);
     // An empty queue on a receive without waiting is no news here.
     osal_set_log_threshold(1);
@@ -238,5 +252,5 @@ int main(int argc, char** argv) {
     setenv("HOME", "/tmp/soak-home", 1);
     const std::string self = argv[0];
     const std::string bin = self.substr(0, self.find_last_of('/'));
-    return Soak(seconds, bin, argv[2], seed).run();
+    return Soak(seconds, bin, logs, seed).run();
 }

@@ -3,6 +3,7 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -22,6 +23,38 @@ namespace {
 
 pthread_t receiver_thread_id;
 pthread_t keepalive_thread_id;
+pthread_t signal_thread_id;
+
+// Taken by the first way out and never given back: a second one (SIGINT
+// during a typed exit, or the end of input after SIGINT) waits for the
+// process to end. Recursive, as the end of input takes it before it saves
+// the history and again before it signals.
+pthread_mutex_t departure = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+
+// The terminal as the client found it. The line editor leaves SIGINT and
+// SIGTERM to us while they are blocked, so it cannot put its terminal back
+// itself when one of them ends the client.
+termios terminal_at_start{};
+bool terminal_saved = false;
+
+sigset_t ending_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, SIGINT);
+    sigaddset(&set, SIGTERM);
+    return set;
+}
+
+// The only place SIGINT and SIGTERM arrive: they are blocked in every thread
+// and taken here, where the work of leaving may lock, allocate and print.
+void* signal_thread(void*) {
+    const sigset_t set = ending_signals();
+    int signo = 0;
+    while (sigwait(&set, &signo) != 0) {
+    }
+    cli_depart_on_signal(signo);
+    return nullptr;
+}
 
 constexpr std::size_t PIDOF_LEN = 80;
 constexpr std::size_t REQUEST_TEXT_LEN = 256;
@@ -58,15 +91,20 @@ int cli_main(int argc, char** argv) {
         std::exit(1);
     }
 
-    struct sigaction action = {};
-    action.sa_handler = cli_signal_handler;
-    sigemptyset(&action.sa_mask);
-    action.sa_flags = 0;
-    sigaction(SIGINT, &action, nullptr);
-    sigaction(SIGTERM, &action, nullptr);
+    // Before any other thread exists, so that every thread inherits the mask.
+    const sigset_t ending = ending_signals();
+    pthread_sigmask(SIG_BLOCK, &ending, nullptr);
+    terminal_saved = isatty(STDIN_FILENO) != 0 && tcgetattr(STDIN_FILENO, &terminal_at_start) == 0;
+    if (pthread_create(&signal_thread_id, nullptr, signal_thread, nullptr) == 0) {
+        pthread_detach(signal_thread_id);
+    } else {
+        // Nobody would take them: let them end the client as they would anyway.
+        pthread_sigmask(SIG_UNBLOCK, &ending, nullptr);
+    }
 
     cli_start(options.timestamps_enabled, options.register_first,
               std::move(options.one_shot_command));
+    cli_begin_departure();
     cli_notify_departure();
     return 0;
 }
@@ -138,10 +176,14 @@ void cli_clear_roomcontrol() {
     }
 }
 
-// Runs on whichever thread the kernel picks and does its work right here:
-// the process ends anyway, and the connector must hear of it.
-void cli_signal_handler(int signo) {
+void cli_begin_departure() {
+    pthread_mutex_lock(&departure);
+}
+
+void cli_depart_on_signal(int signo) {
     if (signo != SIGTERM && signo != SIGINT) return;
+    cli_begin_departure();
+    if (terminal_saved) tcsetattr(STDIN_FILENO, TCSANOW, &terminal_at_start);
     if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
     cli_notify_departure();
     std::exit(1);

@@ -22,7 +22,8 @@ inline constexpr uid_t CLI_OPERATOR_UID = 1001;
 // The channel every part of the client talks through.
 extern IpcChannel* cli_channel;
 
-// Written by the dispatcher on the main thread, read by the signal handler.
+// Written by the dispatcher on the main thread, read by the thread that takes
+// SIGINT and SIGTERM.
 extern std::atomic<int> roomcontrol_active;
 
 // The prompt, shared by the command loop and the receiver thread without a
@@ -48,7 +49,12 @@ int find_pid_by_name(const char* name);
 // Sends SIGUSR2 to the pid that the lookup gives for "cliconn".
 void cli_notify_departure();
 void cli_clear_roomcontrol();
-void cli_signal_handler(int signo);
+// Every way out begins here; only the first one goes on, any later one waits
+// for the process to end.
+void cli_begin_departure();
+// The way out of SIGINT and SIGTERM: the room-control clean-up first, then
+// SIGUSR2 to cliconn, exit status 1. Runs on the thread that takes them.
+void cli_depart_on_signal(int signo);
 
 int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_command);
 int cli_send_command(const char* line, std::size_t length, const tx::grammar::Caller& caller);

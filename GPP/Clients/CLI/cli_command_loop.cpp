@@ -59,15 +59,30 @@ void drop_rest_of_cut_line(GetLine* gl) {
     }
 }
 
-// Reads the next line; null at the end of input. A cut line comes back in
-// `held`, which keeps its start while its rest is dropped.
+// Reads the next line, which ends with its newline; null at the end of input.
+// A line the editor cut, one that a NUL byte ended (the editor drops the rest
+// of it) and one that ends with CR LF (a script saved on another system) come
+// back in `held`.
 const char* read_line(GetLine* gl, std::span<char> held) {
     char prompt[CLI_PROMPT_LEN] = {};
     cli_prompt_text(prompt);
     const char* input = gl_get_line(gl, prompt, nullptr, 0);
-    if (input == nullptr || std::string_view(input).ends_with('\n')) return input;
-    tx::copy_bounded(held, input);
-    drop_rest_of_cut_line(gl);
+    if (input == nullptr) return nullptr;
+    std::string_view text(input);
+    if (text.ends_with("\r\n")) {
+        text.remove_suffix(2);
+    } else if (text.ends_with('\n')) {
+        return input;
+    } else if (text.size() >= EDITOR_LINE_LEN) {
+        // Cut: the loop drops its last character as it would the newline.
+        tx::copy_bounded(held, text);
+        drop_rest_of_cut_line(gl);
+        return held.data();
+    }
+    // Too long a line keeps its first characters and loses the newline, as
+    // the loop expects of a line that does not fit.
+    tx::copy_bounded(held, text);
+    tx::append_bounded(held, "\n");
     return held.data();
 }
 
@@ -165,6 +180,7 @@ void run_line(Editor& editor, const char* line, const tx::grammar::Caller& calle
     switch (tx::grammar::classify_builtin(text)) {
         case Builtin::exit:
             // History is not saved on this way out.
+            cli_begin_departure();
             editor.reset();
             cli_notify_departure();
             if (roomcontrol_active.load() != 0) cli_clear_roomcontrol();
@@ -217,6 +233,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
         } else {
             input = read_line(gl, held);
             if (input == nullptr) {
+                cli_begin_departure();
                 gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
                 return 0;
             }
@@ -230,6 +247,7 @@ int cli_command_loop(int register_first, std::unique_ptr<char[]> one_shot_comman
         run_line(editor, line, caller);
 
         if (last_pass) {
+            cli_begin_departure();
             gl_save_history(gl, HISTORY_FILE, HISTORY_COMMENT, -1);
             return 0;
         }

@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -116,13 +117,25 @@ bool row_accepts(const command_entry& row, std::string_view line);
 // syntax error line.
 std::string help_text(std::string_view topic_text, uid_t uid);
 
-// A help topic and the categories it lists.
+// A help topic, the categories it lists, and how the usage lines of help
+// show it: "prints USAGE commands" on line `usage_line` (0: not shown).
 struct TopicRange {
     std::string_view topic;
     int low;
     int high;
+    std::string_view usage;
+    int usage_line;
 };
+// Every help topic, "all" first, then in the order of their categories.
 std::span<const TopicRange> help_topics() noexcept;
+
+// The value the row's help line states a setting starts with: "..., default
+// 9." gives "9", "default 60s" and "default 30 minutes" the number, "default
+// empty" the empty text, "default is <0,0,100>" the words "0 0 100"; nothing
+// when it states none ("default from DHCP": the device learns it).
+std::optional<std::string> stated_default(const command_entry& row);
+// The value stated by the first "get NAME" or "set NAME" row that states one.
+std::optional<std::string> stated_default(std::string_view name);
 
 // The handler's name as written in the table ("handle_get"), or null.
 const char* command_handler_name(command_handler handler);
