@@ -11,13 +11,15 @@
 
 #include <cstdio>
 
+#include "spawn.hpp"
+
 int main(int argc, char** argv) {
     if (argc < 2) return 2;
-    const pid_t pid = fork();
-    if (pid == 0) {
-        execv(argv[1], argv + 1);
-        _exit(127);
-    }
+    tx::SpawnOptions options;
+    options.in_fd = STDIN_FILENO;
+    options.out_fd = STDOUT_FILENO;
+    options.err_fd = STDERR_FILENO;
+    const pid_t pid = tx::spawn({argv + 1, argv + argc}, options);
     int status = 0;
     rusage usage{};
     if (pid < 0 || wait4(pid, &status, 0, &usage) != pid) return 2;

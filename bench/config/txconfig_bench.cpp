@@ -25,6 +25,7 @@
 #include <vector>
 
 #include "settings.hpp"
+#include "spawn.hpp"
 
 namespace {
 
@@ -35,21 +36,16 @@ std::string bin_dir() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
 }
 
+// Standard output goes nowhere, standard error into `errors`.
 pid_t spawn(const std::string& path, const std::vector<std::string>& args,
             const char* errors = "/dev/null") {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        const int null_fd = open("/dev/null", O_RDWR);
-        const int error_fd = open(errors, O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        dup2(null_fd, 0);
-        dup2(null_fd, 1);
-        dup2(error_fd, 2);
-        std::vector<char*> argv{const_cast<char*>(path.c_str())};
-        for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-        argv.push_back(nullptr);
-        execv(path.c_str(), argv.data());
-        _exit(127);
-    }
+    const int error_fd = open(errors, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    std::vector<std::string> argv{path};
+    argv.insert(argv.end(), args.begin(), args.end());
+    tx::SpawnOptions options;
+    options.err_fd = error_fd;
+    const pid_t pid = tx::spawn(argv, options);
+    if (error_fd >= 0) close(error_fd);
     return pid;
 }
 
