@@ -111,17 +111,19 @@ class Stream:
         # HTTP/1.0: the events come unframed, up to the end of the connection.
         self.sock.sendall(f'GET /cgi-bin/events HTTP/1.0\r\nHost: 127.0.0.1:{PORT}\r\n'
                           f'Authorization: {basic("viewer")}\r\n\r\n'.encode())
-        self.text = b''
+        self.rest, self.seen = b'', []
 
     def events(self, count, seconds=10):
+        """The data of the events so far, once there are count of them (or seconds have passed)."""
         deadline = time.monotonic() + seconds
-        while len(re.findall(rb'\ndata: ([^\n]*)\n', self.text)) < count and time.monotonic() < deadline:
+        while len(self.seen) < count and time.monotonic() < deadline:
             self.sock.settimeout(max(0.01, deadline - time.monotonic()))
             try:
-                self.text += self.sock.recv(65536)
+                *blocks, self.rest = (self.rest + self.sock.recv(65536)).split(b'\n\n')
             except socket.timeout:
                 break
-        return re.findall(rb'\ndata: ([^\n]*)\n', self.text)
+            self.seen += [block[6:] for block in blocks if block.startswith(b'data: ')]
+        return self.seen
 
 def notify(first, count):
     """Records as cgiconn writes them, straight into the fan-out's pipe."""
@@ -388,20 +390,21 @@ class HttpTest(unittest.TestCase):
 
     def test_streams_that_stall_or_close_take_nothing_from_the_others(self):
         until(lambda: streams() == 0, 5)  # the pages of other tests are gone
-        stalled = Stream(receive_buffer=1024)
-        closing, reader = Stream(), Stream()
-        for stream in (stalled, reader):
+        # Readers opened before and after the others: the fan-out's order of streams spares neither.
+        first, stalled, closing, last = Stream(), Stream(receive_buffer=1024), Stream(), Stream()
+        for stream in (first, stalled, last):
             self.addCleanup(stream.sock.close)
-        self.assertTrue(until(lambda: streams() == 3, 5))
+        self.assertTrue(until(lambda: streams() == 4, 5))
         closing.sock.close()
         sent = 0
-        # The stalled stream fills its pipe and is dropped; the reader gets every record.
-        while streams() > 1 and sent < 20000:
+        # The stalled stream fills its pipe and is dropped; the readers get every record.
+        while streams() > 2 and sent < 20000:
             notify(sent, 100)
             sent += 100
-            self.assertEqual(len(reader.events(sent)), sent)
-        self.assertEqual(streams(), 1)
-        self.assertEqual(reader.events(sent), [f'notify test.seq {n} {PADDING}'.encode() for n in range(sent)])
+            self.assertEqual([len(r.events(sent)) for r in (first, last)], [sent, sent])
+        self.assertEqual(streams(), 2)
+        for reader in (first, last):
+            self.assertEqual(reader.events(sent), [f'notify test.seq {n} {PADDING}'.encode() for n in range(sent)])
 
     def test_replies_left_behind_never_fill_the_connectors_queue(self):
         core = int(subprocess.run(['pidof', 'coresim'], capture_output=True).stdout)
