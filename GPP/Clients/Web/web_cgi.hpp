@@ -1,9 +1,10 @@
 // The web client: the CGI programs that the device's web server runs for the
 // settings page. `command` sends one command line through cgiconn and answers
-// JSON; `config` shows, checks and applies the configuration as a whole; `events` streams the
-// notifications that cgiconn writes to /tmp/CgiInterComm (through the fan-out `cgievents`) as
-// Server-Sent Events; `page` serves the page itself, the login, the logout and the password change.
-// Every one of them serves only a logged-in caller.
+// JSON; `config` shows, checks and applies the configuration as a whole;
+// `events` streams the notifications that cgiconn writes to
+// /tmp/CgiInterComm (through the fan-out `cgievents`) as Server-Sent Events;
+// `page` serves the page itself, the login, the logout and the password
+// change. Every one of them serves only a logged-in caller.
 #pragma once
 
 #include <sys/types.h>
