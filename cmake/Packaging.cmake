@@ -11,7 +11,7 @@ install(TARGETS cliconn cgiconn RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 # program serves to a logged-in user, under <prefix>/share/tx416/web; the
 # event fan-out, the accounts tool and the set-up of the first start in sbin;
 # and a sample configuration that serves it all over HTTPS.
-install(TARGETS web_command web_events web_site RUNTIME DESTINATION lib/cgi-bin)
+install(TARGETS web_command web_config web_events web_site RUNTIME DESTINATION lib/cgi-bin)
 install(TARGETS cgievents tx416-webuser RUNTIME DESTINATION ${CMAKE_INSTALL_SBINDIR})
 install(PROGRAMS ${PROJECT_SOURCE_DIR}/GPP/Clients/Web/tx416-web-setup
         DESTINATION ${CMAKE_INSTALL_SBINDIR})

@@ -124,11 +124,15 @@ TEST(Config, JsonIsUtf8WhateverTheDeviceHolds) {
         {"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9e",
          "\"caf\xc3\xa9 \xe2\x82\xac \xf0\x9f\x93\x9e\""},
         {"\xff", "\"" + fffd + "\""},
-        {"\xc0\xaf", "\"" + fffd + fffd + "\""},             // overlong
-        {"\xed\xa0\x80", "\"" + fffd + fffd + fffd + "\""},  // surrogate
-        {"a\xe2\x82", "\"a" + fffd + fffd + "\""},           // cut short
+        {"\xc0\xaf", "\"" + fffd + fffd + "\""},                        // overlong
+        {"\xed\xa0\x80", "\"" + fffd + fffd + fffd + "\""},             // surrogate
+        {"a\xe2\x82", "\"a" + fffd + fffd + "\""},                      // cut short
+        {"\xf4\x90\x80\x80", "\"" + fffd + fffd + fffd + fffd + "\""},  // above U+10FFFF
     };
-    for (const auto& [text, expected] : json) EXPECT_EQ(tx::config::json_string(text), expected);
+    for (const auto& [text, expected] : json) {
+        EXPECT_EQ(tx::config::json_string(text), expected);
+        EXPECT_EQ(tx::config::valid_utf8(text), expected.find(fffd) == std::string::npos) << text;
+    }
     const std::pair<std::string, std::string> shown[] = {
         {"9", "9"},
         {"", "\"\""},

@@ -2,8 +2,8 @@
 coresim (tools/web/serve), driven through HTTPS and a headless Chromium, with the audit trail
 read from a syslog socket of the test's own. Runs inside tools/sandbox as root:
 web_test.py BIN_DIR PAGE_DIR OUT_DIR"""
-import base64, http.client, http.server, json, os, pwd, re, signal, socket, ssl, subprocess, sys
-import tempfile, threading, time, unittest
+import base64, html.parser, http.client, http.server, json, os, pwd, re, signal, socket, ssl, subprocess, sys
+import tempfile, threading, time, unittest, urllib.parse
 from selenium import webdriver
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -52,6 +52,22 @@ def request(method, path, body=None, user='admin', headers=()):
         data = json.loads(data)
     return response.status, response.headers, data
 
+def config(form, user='admin', headers=()):
+    return request('POST', '/cgi-bin/config', form, user, headers)
+
+def file_form(action, text, name='upload.conf'):
+    return f'action={action}&name={name}&file=' + urllib.parse.quote(text)
+
+def refused_unread(path, length):
+    """A body over the limit is refused from its length, before any of it is kept."""
+    big = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10)
+    big.putrequest('POST', path)
+    for name, value in (('Content-Length', length), ('Authorization', basic('admin')),
+                        ('Content-Type', 'application/x-www-form-urlencoded')):
+        big.putheader(name, value)
+    big.endheaders(b'cmd=' + b'a' * 1000)
+    return big.getresponse().status == 413 and os.listdir('/run/tx416-web/upload') == []
+
 def command(line, user='admin', method='POST'):
     form = 'cmd=' + line.replace(' ', '+')
     if method == 'GET':
@@ -68,9 +84,12 @@ def audit_lines():
     time.sleep(0.1)
     return list(AUDIT)
 
-def queued_messages():
+def queues():
     rows = subprocess.run(['ipcs', '-q'], capture_output=True, text=True).stdout.splitlines()
-    return sum(int(r.split()[-1]) for r in rows if r.startswith('0x'))
+    return [int(r.split()[-1]) for r in rows if r.startswith('0x')]
+
+def queued_messages():
+    return sum(queues())
 
 def streams():
     return len(os.listdir('/run/tx416/streams'))
@@ -92,17 +111,19 @@ class Stream:
         # HTTP/1.0: the events come unframed, up to the end of the connection.
         self.sock.sendall(f'GET /cgi-bin/events HTTP/1.0\r\nHost: 127.0.0.1:{PORT}\r\n'
                           f'Authorization: {basic("viewer")}\r\n\r\n'.encode())
-        self.text = b''
+        self.rest, self.seen = b'', []
 
     def events(self, count, seconds=10):
+        """The data of the events so far, once there are count of them (or seconds have passed)."""
         deadline = time.monotonic() + seconds
-        while len(re.findall(rb'\ndata: ([^\n]*)\n', self.text)) < count and time.monotonic() < deadline:
+        while len(self.seen) < count and time.monotonic() < deadline:
             self.sock.settimeout(max(0.01, deadline - time.monotonic()))
             try:
-                self.text += self.sock.recv(65536)
+                *blocks, self.rest = (self.rest + self.sock.recv(65536)).split(b'\n\n')
             except socket.timeout:
                 break
-        return re.findall(rb'\ndata: ([^\n]*)\n', self.text)
+            self.seen += [block[6:] for block in blocks if block.startswith(b'data: ')]
+        return self.seen
 
 def notify(first, count):
     """Records as cgiconn writes them, straight into the fan-out's pipe."""
@@ -142,8 +163,13 @@ def setUpModule():
     assert until(lambda: os.path.exists('/tmp/CgiInterComm'), 3), 'cgievents did not make its pipe'
 
 def tearDownModule():
+    if cgiconn:
+        cgiconn.terminate()
+        cgiconn.wait()
     server.send_signal(signal.SIGTERM)
     server.communicate()
+
+cgiconn = None  # the one a test started after it stopped the stack's own
 
 class BrowserTest(unittest.TestCase):
     @classmethod
@@ -160,6 +186,8 @@ class BrowserTest(unittest.TestCase):
             options.add_argument('--' + flag)
         options.binary_location = '/usr/bin/chromium'
         browser = webdriver.Chrome(service=Service('/usr/bin/chromedriver'), options=options)
+        cls.downloads = tempfile.mkdtemp()
+        browser.execute_cdp_cmd('Browser.setDownloadBehavior', {'behavior': 'allow', 'downloadPath': cls.downloads})
 
     @classmethod
     def tearDownClass(cls):
@@ -196,7 +224,7 @@ class BrowserTest(unittest.TestCase):
         wait = WebDriverWait(browser, 10)
         wait.until(lambda _: self.value('speaker-volume') == '9')
         row = browser.find_element(By.ID, 'setting-speaker-volume')
-        row.find_element(By.NAME, 'value').send_keys('12')
+        row.find_element(By.CSS_SELECTOR, 'input[name=value]').send_keys('12')
         row.find_element(By.TAG_NAME, 'button').click()
         wait.until(lambda _: row.find_element(By.CLASS_NAME, 'reply').text == 'val speaker-volume 12')
         self.assertEqual(self.console('get md5-password'), 'val md5-password 0')
@@ -234,9 +262,30 @@ class BrowserTest(unittest.TestCase):
 
         self.log_in('operator')
         self.assertEqual(self.console('get md5-password'), 'command syntax error')
+        self.assertFalse(browser.find_element(By.ID, 'admin-tools').is_displayed())
         self.log_in('viewer')
         self.assertFalse(browser.find_element(By.CSS_SELECTOR, '#setting-mute button').is_displayed())
         self.assertEqual(self.console('set mute 1'), 'the viewer account only reads (get)')
+
+    def test_admin_downloads_and_uploads_the_configuration(self):
+        self.log_in('admin')
+        browser.find_element(By.ID, 'config-download').click()
+        saved = os.path.join(self.downloads, 'tx416.conf')
+        self.assertTrue(until(lambda: os.path.exists(saved), 10))
+        with open(saved) as f:
+            text = f.read()
+        self.assertEqual(text.encode(), config('action=show')[2])
+        changed = os.path.join(self.downloads, 'changed.conf')
+        with open(changed, 'w') as f:
+            f.write(text.replace('\nset bt-name "TX-416"\n', '\nset bt-name "Room 7"\n'))
+        browser.find_element(By.ID, 'config-file').send_keys(changed)
+        apply = browser.find_element(By.ID, 'config-apply')
+        WebDriverWait(browser, 10).until(lambda _: apply.is_displayed())
+        self.assertEqual(browser.find_element(By.ID, 'config-plan').text, 'bt-name TX-416 -> "Room 7"')
+        self.assertEqual(self.value('bt-name'), 'TX-416')  # nothing is made before the confirmation
+        apply.click()
+        WebDriverWait(browser, 10).until(lambda _: self.value('bt-name') == 'Room 7')
+        self.assertEqual(browser.find_element(By.ID, 'config-out').text, 'applied')
 
     def test_ten_tabs_follow_and_answer(self):
         self.log_in('operator')
@@ -259,6 +308,28 @@ class BrowserTest(unittest.TestCase):
         browser.switch_to.window(tabs[0])
 
 class HttpTest(unittest.TestCase):
+    def test_each_setting_gets_its_own_input(self):
+        rows = []
+        class Page(html.parser.HTMLParser):
+            option = False
+            def handle_starttag(self, tag, attributes):
+                a = dict(attributes)
+                if tag == 'tr' and a.get('class') == 'setting':
+                    rows.append([a['data-name']])
+                elif rows and tag == 'select':
+                    rows[-1].append('select')
+                elif rows and tag == 'input':  # its hint: the row's own help line
+                    own = a['title'] == a['placeholder'] and re.match(f'"set {rows[-1][0]}[ "]', a['title'])
+                    rows[-1].append('text' if own else a['placeholder'])
+                self.option = tag == 'option'
+            def handle_data(self, data):
+                if self.option:
+                    rows[-1].append(data)
+        with open(os.path.join(PAGE, 'index.html')) as page:
+            Page().feed(page.read())
+        with open(os.path.join(os.path.dirname(__file__), 'widgets.tsv')) as widgets:
+            self.assertEqual(rows, [l.split() for l in widgets if not l.startswith('#')])
+
     def test_answers_of_the_command_program(self):
         with open(os.path.join(os.path.dirname(__file__), 'http_cases.tsv')) as cases:
             for line in (l.rstrip('\n') for l in cases if not l.startswith('#')):
@@ -284,15 +355,7 @@ class HttpTest(unittest.TestCase):
         self.assertEqual(request('GET', '/index.html')[0], 403)
         self.assertEqual(command('help audio')[1]['reply'].split('\n')[0],
                          '"set mute <0-1>" - Configure mute state. 0 - unmuted, 1 - muted, default 0.')
-        # A body far over the limit is refused from its length, before any of it is kept.
-        big = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10)
-        big.putrequest('POST', '/cgi-bin/command')
-        for name, value in (('Content-Length', 5 << 20), ('Authorization', basic('admin')),
-                            ('Content-Type', 'application/x-www-form-urlencoded')):
-            big.putheader(name, value)
-        big.endheaders(b'cmd=' + b'a' * 1000)
-        self.assertEqual(big.getresponse().status, 413)
-        self.assertEqual(os.listdir('/run/tx416-web/upload'), [])
+        self.assertTrue(refused_unread('/cgi-bin/command', 5 << 20))
 
         form = f'user=operator&password={PASSWORDS["operator"]}'
         status, headers, _ = request('POST', '/cgi-bin/login', form, user=None)
@@ -327,20 +390,21 @@ class HttpTest(unittest.TestCase):
 
     def test_streams_that_stall_or_close_take_nothing_from_the_others(self):
         until(lambda: streams() == 0, 5)  # the pages of other tests are gone
-        stalled = Stream(receive_buffer=1024)
-        closing, reader = Stream(), Stream()
-        for stream in (stalled, reader):
+        # Readers opened before and after the others: the fan-out's order of streams spares neither.
+        first, stalled, closing, last = Stream(), Stream(receive_buffer=1024), Stream(), Stream()
+        for stream in (first, stalled, last):
             self.addCleanup(stream.sock.close)
-        self.assertTrue(until(lambda: streams() == 3, 5))
+        self.assertTrue(until(lambda: streams() == 4, 5))
         closing.sock.close()
         sent = 0
-        # The stalled stream fills its pipe and is dropped; the reader gets every record.
-        while streams() > 1 and sent < 20000:
+        # The stalled stream fills its pipe and is dropped; the readers get every record.
+        while streams() > 2 and sent < 20000:
             notify(sent, 100)
             sent += 100
-            self.assertEqual(len(reader.events(sent)), sent)
-        self.assertEqual(streams(), 1)
-        self.assertEqual(reader.events(sent), [f'notify test.seq {n} {PADDING}'.encode() for n in range(sent)])
+            self.assertEqual([len(r.events(sent)) for r in (first, last)], [sent, sent])
+        self.assertEqual(streams(), 2)
+        for reader in (first, last):
+            self.assertEqual(reader.events(sent), [f'notify test.seq {n} {PADDING}'.encode() for n in range(sent)])
 
     def test_replies_left_behind_never_fill_the_connectors_queue(self):
         core = int(subprocess.run(['pidof', 'coresim'], capture_output=True).stdout)
@@ -365,6 +429,50 @@ class HttpTest(unittest.TestCase):
         self.assertEqual(statuses, [b'503'] * 24 + [b'504'] * 16)
         self.assertTrue(until(lambda: queued_messages() == 0, 2))
         self.assertEqual(command('get mute')[0], 200)
+
+    def test_the_configuration_is_the_admins(self):
+        for user in ('operator', 'viewer'):
+            self.assertEqual(config('action=show', user)[::2], (403, {'error': "the configuration as a whole is the admin's"}))
+        status, headers, text = request('GET', '/cgi-bin/config?action=show')
+        self.assertEqual((status, headers['Content-Disposition']), (200, 'attachment; filename="tx416.conf"'))
+        text = text.decode()
+        self.assertIn('\n# left out, secrets (root sees them with --with-secrets): snmp-community md5-password ', text)
+        self.assertNotIn('\nset password ', text)
+        self.assertIn('\nset password ', config('action=show&secrets=1')[2].decode())
+        self.assertEqual(request('GET', '/cgi-bin/config?' + file_form('apply', 'set mute 1'))[::2],
+                         (405, {'error': 'a configuration file comes as a POST'}))
+        self.assertEqual(config('action=show', headers={'Sec-Fetch-Site': 'same-origin'})[0], 403)
+
+        changed = text.replace('\nset camera-zoom 100\n', '\nset camera-zoom 250\n').replace('\nset eq 0\n', '\nset eq 2\n')
+        bad_line = len(changed.splitlines()) + 1
+        self.assertEqual(config(file_form('apply', changed + 'set mute x\n', 'bad.conf'))[::2],
+                         (400, {'error': 'nothing sent: 1 bad line',
+                                'lines': [f'bad.conf:{bad_line}: command syntax error: set mute x']}))
+        status, _, checked = config(file_form('check', changed))
+        self.assertEqual((status, checked['changes'], checked['plan']), (200, 2, 'eq 0 -> 2\ncamera-zoom 100 -> 250\n'))
+        self.assertEqual(config(file_form('apply', changed) + '&confirm=' + '0' * 64)[0], 409)
+        self.assertEqual(config(file_form('apply', changed) + '&confirm=' + checked['confirm'])[::2],
+                         (200, {'changes': 2, 'not_taken': 0, 'report': 'eq 0 -> 2\ncamera-zoom 100 -> 250\n'}))
+        self.assertEqual(config('action=show')[2].decode(), changed)
+        self.assertEqual(config(file_form('apply', changed))[2], {'changes': 0, 'not_taken': 0, 'report': ''})
+        audit = audit_lines()
+        line = changed.splitlines().index('set camera-zoom 250') + 1
+        self.assertTrue(any(f'admin from 127.0.0.1: configuration line {line} "set camera-zoom 250" -> '
+                            '"camera-zoom 100 -> 250"' in l for l in audit))
+        self.assertTrue(any('admin from 127.0.0.1: read the configuration with secrets' in l for l in audit))
+        self.assertTrue(refused_unread('/cgi-bin/config', (64 << 10) + 1))
+
+    def test_without_cgiconn_the_programs_answer_503(self):
+        global cgiconn
+        self.assertEqual(len(queues()), 4)
+        os.kill(int(subprocess.run(['pidof', 'cgiconn'], capture_output=True).stdout), signal.SIGTERM)
+        self.assertTrue(until(lambda: len(queues()) == 2, 5))
+        not_running = {'error': 'the CGI connector cgiconn is not running'}
+        self.assertEqual(command('get mute'), (503, not_running))
+        self.assertEqual(config('action=show')[::2], (503, not_running))
+        cgiconn = subprocess.Popen([f'{BIN}/cgiconn'], stdout=subprocess.DEVNULL,
+                                   env={**os.environ, 'PLATFORM_CMDLINE': '/tmp/cmdline'})
+        self.assertTrue(until(lambda: command('get mute')[0] == 200, 5))
 
     def test_symlinks_planted_in_tmp_change_nothing(self):
         planted = '/run/tx416/planted'

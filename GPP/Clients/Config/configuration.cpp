@@ -53,18 +53,6 @@ std::string_view word_of(std::string_view line, std::size_t n) {
     }
 }
 
-// A line as an error message shows it: without its value when its command
-// names a secret, since a line in error may well hold one.
-std::string line_shown(std::string_view line) {
-    std::string_view command = line;
-    if (const std::string_view second = word_of(line, 1); !second.empty()) {
-        command =
-            line.substr(0, static_cast<std::size_t>(second.data() - line.data()) + second.size());
-    }
-    if (!tx::grammar::holds_secret(command)) return std::string(line);
-    return std::string(command) + " ...";
-}
-
 std::string label(const Setting& setting, std::string_view id) {
     std::string text = setting.name;
     if (!id.empty()) text.append(" ").append(id);
@@ -86,6 +74,16 @@ std::vector<std::string> ids_of(const Setting& setting) {
 }
 
 }  // namespace
+
+std::string line_shown(std::string_view line) {
+    std::string_view command = line;
+    if (const std::string_view second = word_of(line, 1); !second.empty()) {
+        command =
+            line.substr(0, static_cast<std::size_t>(second.data() - line.data()) + second.size());
+    }
+    if (!tx::grammar::holds_secret(command)) return std::string(line);
+    return std::string(command) + " ...";
+}
 
 bool make_request(const RequestRecord& record, Request& request) {
     char xml[kRequestTextLen] = {};
@@ -366,22 +364,23 @@ std::string plan_text(const std::vector<Change>& changes, bool with_secrets) {
     return out;
 }
 
+std::string report_line(const Result& r, bool with_secrets) {
+    std::string out = change_text(*r.change, with_secrets);
+    const Setting& setting = *r.change->assignment->setting;
+    if (r.outcome == Outcome::refused) {
+        out += ": not taken, reads back " + value_shown(setting, r.read_back, with_secrets);
+        if (r.answer != r.read_back) {
+            out += " (the device answered " + value_shown(setting, r.answer, with_secrets) + ")";
+        }
+    } else if (r.outcome == Outcome::unconfirmed) {
+        out += ": not confirmed";
+    }
+    return out;
+}
+
 std::string report_text(const std::vector<Result>& results, bool with_secrets) {
     std::string out;
-    for (const Result& r : results) {
-        out += change_text(*r.change, with_secrets);
-        const Setting& setting = *r.change->assignment->setting;
-        if (r.outcome == Outcome::refused) {
-            out += ": not taken, reads back " + value_shown(setting, r.read_back, with_secrets);
-            if (r.answer != r.read_back) {
-                out +=
-                    " (the device answered " + value_shown(setting, r.answer, with_secrets) + ")";
-            }
-        } else if (r.outcome == Outcome::unconfirmed) {
-            out += ": not confirmed";
-        }
-        out += '\n';
-    }
+    for (const Result& r : results) out += report_line(r, with_secrets) + "\n";
     return out;
 }
 
@@ -453,6 +452,13 @@ std::size_t utf8_length(std::string_view text) {
 }
 
 }  // namespace
+
+bool valid_utf8(std::string_view text) {
+    for (std::size_t n = 0; !text.empty(); text.remove_prefix(n)) {
+        if ((n = utf8_length(text)) == 0) return false;
+    }
+    return true;
+}
 
 std::string json_string(std::string_view text) {
     std::string out = "\"";

@@ -109,6 +109,8 @@ void write_page(std::ostream& out, std::string page) {
     const auto settings = settings_by_category();
     Markup nav("nav");
     Markup sections("div");
+    // The lines' state heads the page, in the template.
+    nav.add(nav.root(), "a", {{"href", "#topic-calls"}}, "calls");
     // Each topic that lists one category, in the order help knows them.
     for (const tx::grammar::TopicRange& topic : tx::grammar::help_topics()) {
         const auto found = settings.find(topic.low);

@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "cgi_connector.hpp"
 #include "completion.hpp"
@@ -75,6 +76,8 @@ const char* reason_of(int status) {
             return "Forbidden";
         case 405:
             return "Method Not Allowed";
+        case 409:
+            return "Conflict";
         case 413:
             return "Content Too Large";
         case 414:
@@ -172,76 +175,6 @@ std::optional<std::string> form_field(std::string_view form, std::string_view na
         return form_decode(equals == std::string_view::npos ? "" : pair.substr(equals + 1));
     }
     return std::nullopt;
-}
-
-namespace {
-
-// Length of the UTF-8 sequence at the start of text; 0 when it is not one.
-std::size_t utf8_length(std::string_view text) {
-    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(text[i]); };
-    const unsigned char lead = byte(0);
-    std::size_t length = 0;
-    char32_t code = 0;
-    if (lead < 0x80) return 1;
-    if (lead >= 0xc2 && lead <= 0xdf) {
-        length = 2;
-        code = lead & 0x1f;
-    } else if (lead >= 0xe0 && lead <= 0xef) {
-        length = 3;
-        code = lead & 0x0f;
-    } else if (lead >= 0xf0 && lead <= 0xf4) {
-        length = 4;
-        code = lead & 0x07;
-    } else {
-        return 0;
-    }
-    if (text.size() < length) return 0;
-    for (std::size_t i = 1; i < length; ++i) {
-        if ((byte(i) & 0xc0) != 0x80) return 0;
-        code = code << 6 | (byte(i) & 0x3f);
-    }
-    // Overlong forms, surrogates and code points above U+10FFFF.
-    const char32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-    if (code < least[length] || (code >= 0xd800 && code <= 0xdfff) || code > 0x10ffff) return 0;
-    return length;
-}
-
-}  // namespace
-
-bool valid_utf8(std::string_view text) {
-    while (!text.empty()) {
-        const std::size_t length = utf8_length(text);
-        if (length == 0) return false;
-        text.remove_prefix(length);
-    }
-    return true;
-}
-
-std::string json_string(std::string_view text) {
-    std::string out = "\"";
-    while (!text.empty()) {
-        const std::size_t length = utf8_length(text);
-        if (length > 1) {
-            out += text.substr(0, length);
-            text.remove_prefix(length);
-            continue;
-        }
-        const char c = text.front();
-        text.remove_prefix(1);
-        if (length == 0) {
-            out += "\\ufffd";
-        } else if (c == '"' || c == '\\') {
-            out += '\\';
-            out += c;
-        } else if (static_cast<unsigned char>(c) < 0x20) {
-            char escaped[8];
-            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
-            out += escaped;
-        } else {
-            out += c;
-        }
-    }
-    return out + "\"";
 }
 
 Answer error_answer(int status, std::string_view text) {
@@ -371,7 +304,8 @@ std::optional<Answer> check_post(const HttpRequest& request, const Caller& calle
     return std::nullopt;
 }
 
-std::optional<std::string> read_form(const HttpRequest& request, Answer* failure) {
+std::optional<std::string> read_form(const HttpRequest& request, Answer* failure,
+                                     std::size_t body_limit) {
     if (request.method == "GET") {
         const std::string_view query = env("QUERY_STRING");
         if (query.size() <= kMaxFormBytes) return std::string(query);
@@ -384,20 +318,84 @@ std::optional<std::string> read_form(const HttpRequest& request, Answer* failure
         return std::nullopt;
     }
     std::string body;
-    if (std::strtoul(env("CONTENT_LENGTH").data(), nullptr, 10) <= kMaxFormBytes) {
-        char chunk[kMaxFormBytes + 1];
+    if (std::strtoul(env("CONTENT_LENGTH").data(), nullptr, 10) <= body_limit) {
+        char chunk[4096];
         ssize_t n = 0;
-        while (body.size() <= kMaxFormBytes && (n = read(STDIN_FILENO, chunk, sizeof chunk)) > 0) {
+        while (body.size() <= body_limit && (n = read(STDIN_FILENO, chunk, sizeof chunk)) > 0) {
             body.append(chunk, static_cast<std::size_t>(n));
         }
-        if (body.size() <= kMaxFormBytes) return body;
+        if (body.size() <= body_limit) return body;
     }
-    *failure = error_answer(413, "body over 500 bytes");
+    *failure = error_answer(413, "body over " + std::to_string(body_limit) + " bytes");
     return std::nullopt;
 }
 
-CommandRequest::~CommandRequest() {
-    if (slot_fd_ >= 0) close(slot_fd_);
+CgiTurn::~CgiTurn() {
+    if (fd_ >= 0) close(fd_);
+}
+
+std::optional<Answer> CgiTurn::begin(int most) {
+    const long pid = getpid();
+    if (pid > kMaxRoutablePid) {
+        return error_answer(503, "process id above 99999: cgiconn could not route the reply");
+    }
+    if (!take_slots(most)) return error_answer(503, "too many requests in progress");
+    if (cgi_client_channel.open(&cgi_client_channel, 'u') < 0) {
+        return error_answer(503, "the CGI connector cgiconn is not running");
+    }
+    if (!make_marker(pid)) {
+        // Not this process's to remove.
+        const std::string taken = std::exchange(marker_, {});
+        return error_answer(503, "the marker " + taken + " is taken by another user");
+    }
+    return std::nullopt;
+}
+
+void CgiTurn::end() {
+    if (!marker_.empty()) std::remove(marker_.c_str());
+    marker_.clear();
+}
+
+bool CgiTurn::take_slots(int most) {
+    const std::optional<std::string> dir = runtime_subdir("slots");
+    if (!dir) return false;
+    fd_ = open((*dir + "/lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    struct stat st {};
+    if (fd_ < 0 || fstat(fd_, &st) != 0 || !S_ISREG(st.st_mode)) return false;
+    for (int waited_ms = 0; waited_ms < kReplyWaitMs; waited_ms += 5) {
+        // One pass: a byte this process holds already would lock again.
+        for (int slot = 0; slot < kRequestSlots && slots_ < most; ++slot) {
+            struct flock lock {};
+            lock.l_type = F_WRLCK;
+            lock.l_whence = SEEK_SET;
+            lock.l_start = slot;
+            lock.l_len = 1;
+            if (fcntl(fd_, F_SETLK, &lock) == 0) ++slots_;
+        }
+        if (slots_ > 0) return true;
+        usleep(5000);
+    }
+    return false;
+}
+
+bool CgiTurn::make_marker(long pid) {
+    marker_ = std::string("/tmp/") + CGI_MARKER_PREFIX + std::to_string(pid) + CGI_MARKER_SUFFIX;
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        // A new file of this process's own, never whatever a symlink points at.
+        const int fd =
+            open(marker_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            close(fd);
+            return true;
+        }
+        // One left by an earlier process of the same id and user goes.
+        struct stat st {};
+        if (errno != EEXIST || lstat(marker_.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+            st.st_uid != geteuid() || unlink(marker_.c_str()) != 0) {
+            break;
+        }
+    }
+    return false;
 }
 
 std::optional<Answer> CommandRequest::read_line(const HttpRequest& http, std::string_view form,
@@ -479,49 +477,19 @@ Answer CommandRequest::run_line(const HttpRequest& http, const Caller& caller,
     return answer;
 }
 
-bool CommandRequest::take_slot() {
-    const std::optional<std::string> dir = runtime_subdir("slots");
-    if (!dir) return false;
-    slot_fd_ = open((*dir + "/lock").c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
-    struct stat st {};
-    if (slot_fd_ < 0 || fstat(slot_fd_, &st) != 0 || !S_ISREG(st.st_mode)) return false;
-    for (int waited_ms = 0; waited_ms < kReplyWaitMs; waited_ms += 5) {
-        for (int slot = 0; slot < kRequestSlots; ++slot) {
-            struct flock lock {};
-            lock.l_type = F_WRLCK;
-            lock.l_whence = SEEK_SET;
-            lock.l_start = slot;
-            lock.l_len = 1;
-            if (fcntl(slot_fd_, F_SETLK, &lock) == 0) return true;
-        }
-        usleep(5000);
-    }
-    return false;
-}
-
 Answer CommandRequest::exchange(const std::string& line, const char* request) {
+    if (std::optional<Answer> refused = turn_.begin(1)) return *refused;
     const long pid = getpid();
-    if (pid > kMaxRoutablePid) {
-        return error_answer(503, "process id above 99999: cgiconn could not route the reply");
-    }
-    if (!take_slot()) return error_answer(503, "too many requests in progress");
-    IpcChannel* channel = &cgi_client_channel;
-    if (channel->open(channel, 'u') < 0) {
-        return error_answer(503, "the CGI connector cgiconn is not running");
-    }
-    if (!make_marker(pid)) {
-        return error_answer(503, "the marker " + marker_ + " is taken by another user");
-    }
-    if (channel->send(channel, request, pid, 0) == 0) {
-        std::remove(marker_.c_str());
+    if (cgi_client_channel.send(&cgi_client_channel, request, pid, 0) == 0) {
+        turn_.end();
         return error_answer(503, "the CGI connector's queue is full");
     }
     IpcMessage reply{};
-    if (!receive_within(channel, &reply, pid, kReplyWaitMs)) {
+    if (!receive_within(&cgi_client_channel, &reply, pid, kReplyWaitMs)) {
         late_ = true;
         return error_answer(504, "no reply within 2 s");
     }
-    std::remove(marker_.c_str());
+    turn_.end();
     char shown[kDisplayLen] = {};
     format_message(tx::field_view(reply.text), shown);
     return Answer{200, "application/json",
@@ -529,33 +497,10 @@ Answer CommandRequest::exchange(const std::string& line, const char* request) {
                   ""};
 }
 
-bool CommandRequest::make_marker(long pid) {
-    marker_ = std::string("/tmp/") + CGI_MARKER_PREFIX + std::to_string(pid) + CGI_MARKER_SUFFIX;
-    for (int attempt = 0; attempt < 2; ++attempt) {
-        // A new file of this process's own, never whatever a symlink points at.
-        const int fd =
-            open(marker_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
-        if (fd >= 0) {
-            close(fd);
-            return true;
-        }
-        // One left by an earlier process of the same id and user goes.
-        struct stat st {};
-        if (errno != EEXIST || lstat(marker_.c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
-            st.st_uid != geteuid() || unlink(marker_.c_str()) != 0) {
-            break;
-        }
-    }
-    marker_.clear();
-    return false;
-}
-
 void CommandRequest::finish() {
     if (!late_) return;
     IpcMessage reply{};
-    if (receive_within(&cgi_client_channel, &reply, getpid(), kLateReplyWaitMs)) {
-        std::remove(marker_.c_str());
-    }
+    if (receive_within(&cgi_client_channel, &reply, getpid(), kLateReplyWaitMs)) turn_.end();
 }
 
 }  // namespace tx::web

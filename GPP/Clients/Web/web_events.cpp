@@ -27,7 +27,6 @@ namespace tx::web {
 
 namespace {
 
-constexpr int kHeartbeatMs = 15000;
 constexpr int kRetryMs = 1000;
 constexpr const char* kInterCommPath = "/tmp/CgiInterComm";
 
@@ -114,25 +113,7 @@ class Stream {
         return own_fifo(fd_);
     }
 
-    // Until the web server goes away (a failed write, or its signal), or the
-    // fan-out dropped this stream.
-    void run() {
-        while (stop_requested == 0) {
-            pollfd fds{fd_, POLLIN, 0};
-            const int ready = poll(&fds, 1, kHeartbeatMs);
-            if (ready > 0) {
-                char record[CGI_LINE_LEN];
-                while (read(fd_, record, sizeof record) == static_cast<ssize_t>(sizeof record)) {
-                    if (!send_event(http_fd_, record)) return;
-                }
-            } else if (ready == 0 && !write_all(http_fd_, ": heartbeat\n\n")) {
-                return;
-            }
-            struct stat st {};
-            // Dropped: the page reconnects and reads every value again.
-            if (fstat(fd_, &st) != 0 || st.st_nlink == 0) return;
-        }
-    }
+    void run() { relay_events(fd_, http_fd_); }
 
   private:
     int http_fd_;
@@ -141,6 +122,24 @@ class Stream {
 };
 
 }  // namespace
+
+void relay_events(int stream_fd, int http_fd, int heartbeat_ms) {
+    while (stop_requested == 0) {
+        pollfd fds{stream_fd, POLLIN, 0};
+        const int ready = poll(&fds, 1, heartbeat_ms);
+        if (ready > 0) {
+            char record[CGI_LINE_LEN];
+            while (read(stream_fd, record, sizeof record) == static_cast<ssize_t>(sizeof record)) {
+                if (!send_event(http_fd, record)) return;
+            }
+        } else if (ready == 0 && !write_all(http_fd, ": heartbeat\n\n")) {
+            return;
+        }
+        struct stat st {};
+        // Dropped: the page reconnects and reads every value again.
+        if (fstat(stream_fd, &st) != 0 || st.st_nlink == 0) return;
+    }
+}
 
 int stream_events(int http_fd) {
     struct sigaction action {};

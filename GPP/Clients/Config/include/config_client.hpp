@@ -1,8 +1,7 @@
 // The device's configuration as one text: every setting that an account may
 // both read and change, printed as the set lines that give it back, and a
 // file of such lines checked, compared with the device and applied. txconfig
-// runs it over cliconn; any other client (the settings page) brings its own
-// Device.
+// runs it over cliconn, the settings page over cgiconn (queue_link.hpp).
 #pragma once
 
 #include <cstddef>
@@ -154,6 +153,8 @@ std::string diff_text(const Configuration& configuration, const std::vector<Chan
 std::string plan_text(const std::vector<Change>& changes, bool with_secrets);
 // apply: one line per change and what became of it.
 std::string report_text(const std::vector<Result>& results, bool with_secrets);
+// One of those lines, without its line end.
+std::string report_line(const Result& result, bool with_secrets);
 // "speaker-volume 9 -> 12 (line 14)" of the last change that took effect, or
 // "none" when none did.
 std::string last_taken(const std::vector<Result>& results, bool with_secrets);
@@ -161,8 +162,12 @@ std::string last_taken(const std::vector<Result>& results, bool with_secrets);
 // A value as a report shows it: as it is when it is one plain word, else in
 // double quotes with C escapes.
 std::string shown(std::string_view value);
+// A line of a file as a message shows it: without its value when its
+// command names a secret ("set password ...").
+std::string line_shown(std::string_view line);
 // A JSON string literal of a text in any encoding: bytes that are not UTF-8
 // become U+FFFD, control characters \u escapes.
 std::string json_string(std::string_view text);
+bool valid_utf8(std::string_view text);
 
 }  // namespace tx::config

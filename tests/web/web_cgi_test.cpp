@@ -1,11 +1,18 @@
-// The pieces of the web programs' checks that a wrong byte would break
-// silently: hashes, decoding, UTF-8, the accounts file and the slow-down.
+// The pieces of the web programs that a wrong byte would break silently:
+// hashes, decoding, the accounts file and the slow-down; and an event
+// stream's relay, whose heartbeat comes too seldom to wait for end to end.
+#include "web_cgi.hpp"
+
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <string>
+#include <thread>
 
-#include "web_cgi.hpp"
+#include "cgi_connector.hpp"
 
 namespace tx::web {
 namespace {
@@ -20,15 +27,6 @@ TEST(WebAuth, DigestsAndDecodings) {
     EXPECT_EQ(base64_decode("YW*="), std::nullopt);
     EXPECT_EQ(cookie_value("a=1; tx416_session=abc; b=2", "tx416_session"), "abc");
     EXPECT_EQ(cookie_value("xtx416_session=abc", "tx416_session"), std::nullopt);
-}
-
-TEST(WebAuth, AnswersAreAlwaysUtf8) {
-    EXPECT_TRUE(valid_utf8("caf\xc3\xa9 \xf0\x9f\x98\x80"));
-    for (const char* broken :
-         {"\xe9t\xe9", "\xc0\xaf", "\xed\xa0\x80", "\xf4\x90\x80\x80", "\xc3"}) {
-        EXPECT_FALSE(valid_utf8(broken)) << broken;
-    }
-    EXPECT_EQ(json_string("\xe9t\xc3\xa9\n\""), "\"\\ufffdt\xc3\xa9\\u000a\\\"\"");
 }
 
 TEST(WebAuth, AccountsKeepHashesOnlyAndOnlyForTheirOwner) {
@@ -55,6 +53,34 @@ TEST(WebAuth, FailedLoginsDoubleTheWaitUpToAMinute) {
     EXPECT_EQ(LoginThrottle::delay_after(4), 8);
     EXPECT_EQ(LoginThrottle::delay_after(7), 60);
     EXPECT_EQ(LoginThrottle::delay_after(1000), 60);
+}
+
+TEST(WebEvents, RecordsGoOutAsEventsAndAQuietStreamBeats) {
+    const std::string path = testing::TempDir() + "/web_events_stream";
+    unlink(path.c_str());
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    const int stream = open(path.c_str(), O_RDWR | O_NONBLOCK);
+    int http[2];
+    ASSERT_EQ(pipe(http), 0);
+    char record[CGI_LINE_LEN] = "notify sys.systemname a\nb";
+    ASSERT_EQ(write(stream, record, sizeof record), static_cast<ssize_t>(sizeof record));
+    std::thread relay(relay_events, stream, http[1], 20);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    unlink(path.c_str());  // the fan-out drops the stream: the relay ends
+    relay.join();
+    close(http[1]);
+    std::string out(4096, '\0');
+    out.resize(static_cast<std::size_t>(read(http[0], out.data(), out.size())));
+    const std::string event = "data: notify sys.systemname a b\n\n";
+    ASSERT_TRUE(out.starts_with(event)) << out;
+    const std::string beats = out.substr(event.size());
+    const std::string beat = ": heartbeat\n\n";
+    EXPECT_GE(beats.size(), beat.size());
+    for (std::size_t at = 0; at < beats.size(); at += beat.size()) {
+        EXPECT_EQ(beats.substr(at, beat.size()), beat) << out;
+    }
+    close(stream);
+    close(http[0]);
 }
 
 }  // namespace
