@@ -9,32 +9,22 @@
 //   tools/sandbox build/bin/txconfig_bench
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <signal.h>
-#include <sys/msg.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "settings.hpp"
 #include "spawn.hpp"
+#include "stack.hpp"
 
 namespace {
 
 constexpr std::size_t kChanged = 100;
-
-std::string bin_dir() {
-    if (const char* dir = std::getenv("TX_BIN_DIR")) return dir;
-    return std::filesystem::read_symlink("/proc/self/exe").parent_path().string();
-}
 
 // Standard output goes nowhere, standard error into `errors`.
 pid_t spawn(const std::string& path, const std::vector<std::string>& args,
@@ -47,30 +37,6 @@ pid_t spawn(const std::string& path, const std::vector<std::string>& args,
     const pid_t pid = tx::spawn(argv, options);
     if (error_fd >= 0) close(error_fd);
     return pid;
-}
-
-struct Ended {
-    int status = -1;
-};
-
-Ended reap(pid_t pid) {
-    int status = 0;
-    waitpid(pid, &status, 0);
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-}
-
-void stop(pid_t pid) {
-    if (pid <= 0) return;
-    kill(pid, SIGTERM);
-    reap(pid);
-}
-
-bool wait_for(bool (*ready)()) {
-    for (int i = 0; i < 500; ++i) {
-        if (ready()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    return false;
 }
 
 // Two files that set the same 100 settings to different values: applied in
@@ -98,13 +64,13 @@ void write_files() {
 }
 
 void run_txconfig(benchmark::State& state, const std::vector<std::vector<std::string>>& runs) {
-    const std::string dir = bin_dir();
+    const std::string dir = tx::bench::bin_dir();
     long max_rss = 0;
     std::size_t turn = 0;
     for (auto _ : state) {
         std::vector<std::string> args{dir + "/txconfig"};
         for (const std::string& arg : runs[turn++ % runs.size()]) args.push_back(arg);
-        if (reap(spawn(dir + "/peak_rss", args, "/tmp/peak_rss")).status != 0) {
+        if (tx::bench::reap(spawn(dir + "/peak_rss", args, "/tmp/peak_rss")) != 0) {
             state.SkipWithError("txconfig failed");
             break;
         }
@@ -126,50 +92,23 @@ void apply_100_changes(benchmark::State& state) {
 }
 BENCHMARK(apply_100_changes)->Unit(benchmark::kMillisecond)->UseRealTime();
 
-bool queue_exists(const char* token) {
-    const key_t key = ftok(token, 'a');
-    return key != -1 && msgget(key, 0) >= 0;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (getpid() != 1) {
-        std::fprintf(stderr,
-                     "txconfig_bench starts its own cliconn and coresim; run it inside the "
-                     "sandbox:\n  tools/sandbox %s\n",
-                     argv[0]);
-        return 2;
-    }
-    signal(SIGUSR2, SIG_IGN);
-    std::ofstream("/tmp/cmdline") << "voip_capable=1\n";
-    setenv("PLATFORM_CMDLINE", "/tmp/cmdline", 1);
-    const std::string dir = bin_dir();
-    const pid_t coresim = spawn(dir + "/coresim", {});
-    if (!wait_for([] { return std::filesystem::exists("/tmp/CoreTxEvent1"); })) return 1;
-    const pid_t cliconn = spawn(dir + "/cliconn", {});
-    if (!wait_for([] { return queue_exists("/tmp/cli_out_token"); })) {
-        std::fprintf(stderr, "cliconn did not come up\n");
-        stop(coresim);
-        return 1;
-    }
+    const tx::bench::SimulatedStack stack("txconfig_bench");
+    if (!stack.ready()) return 2;
+    const std::string dir = tx::bench::bin_dir();
     write_files();
     // From here on each apply of b.conf or a.conf changes all 100 settings.
-    if (reap(spawn(dir + "/txconfig", {"apply", "/tmp/a.conf"})).status != 0 ||
+    if (tx::bench::reap(spawn(dir + "/txconfig", {"apply", "/tmp/a.conf"})) != 0 ||
         std::system(
             (dir + "/txconfig apply --check /tmp/b.conf | grep -c . | grep -qx 100").c_str()) !=
             0) {
         std::fprintf(stderr, "a.conf and b.conf do not differ in 100 settings\n");
-        stop(cliconn);
-        stop(coresim);
         return 1;
     }
-
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-
-    stop(cliconn);
-    stop(coresim);
     return 0;
 }
