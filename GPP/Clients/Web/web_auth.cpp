@@ -63,16 +63,6 @@ std::optional<std::string> read_own_file(const std::string& path, mode_t forbidd
     return text;
 }
 
-bool write_all_fd(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t n = write(fd, text.data(), text.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        text.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return true;
-}
-
 // Writes text to path through path.new (O_EXCL, never through a symlink)
 // renamed over it; the file gets mode 0600 and the given owner.
 bool replace_file(const std::string& path, std::string_view text, uid_t uid, gid_t gid) {
@@ -80,7 +70,7 @@ bool replace_file(const std::string& path, std::string_view text, uid_t uid, gid
     unlink(fresh.c_str());  // left by a writer that died; the caller holds the lock
     const Fd fd(open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     if (fd.get() < 0) return false;
-    const bool written = write_all_fd(fd.get(), text) && fsync(fd.get()) == 0 &&
+    const bool written = write_all(fd.get(), text) && fsync(fd.get()) == 0 &&
                          (geteuid() != 0 || fchown(fd.get(), uid, gid) == 0);
     if (!written || rename(fresh.c_str(), path.c_str()) != 0) {
         unlink(fresh.c_str());
@@ -440,7 +430,7 @@ std::string open_session(const Account& account, Session* session) {
     const Fd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
     const std::string text = session->user + " " + session->csrf + " " + session->salt + " " +
                              std::to_string(session->expires) + "\n";
-    if (fd.get() < 0 || !write_all_fd(fd.get(), text)) return {};
+    if (fd.get() < 0 || !write_all(fd.get(), text)) return {};
     return token;
 }
 
@@ -504,6 +494,16 @@ void audit(AuditKind kind, bool failure, std::string_view text) {
         // No syslog, or it is behind: the web server's error log gets it.
         std::fprintf(stderr, "%s\n", message.c_str());
     }
+}
+
+bool write_all(int fd, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t n = write(fd, text.data(), text.size());
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        text.remove_prefix(static_cast<std::size_t>(n));
+    }
+    return true;
 }
 
 }  // namespace tx::web

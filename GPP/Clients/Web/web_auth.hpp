@@ -138,4 +138,7 @@ std::optional<std::string_view> cookie_value(std::string_view header, std::strin
 enum class AuditKind { change, login };
 void audit(AuditKind kind, bool failure, std::string_view text);
 
+// Writes all of text to fd, retrying short writes. False when the peer has gone.
+bool write_all(int fd, std::string_view text);
+
 }  // namespace tx::web

@@ -181,16 +181,6 @@ Answer error_answer(int status, std::string_view text) {
     return Answer{status, "application/json", "{\"error\": " + json_string(text) + "}", ""};
 }
 
-bool write_all(int fd, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t n = write(fd, text.data(), text.size());
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return false;
-        text.remove_prefix(static_cast<std::size_t>(n));
-    }
-    return true;
-}
-
 bool write_answer(int fd, const Answer& answer) {
     char head[256];
     std::snprintf(head, sizeof head,

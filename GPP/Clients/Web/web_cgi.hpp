@@ -8,7 +8,9 @@
 #pragma once
 
 #include <sys/types.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstddef>
 #include <memory>
 #include <optional>
@@ -63,8 +65,6 @@ struct Answer {
 // An answer whose JSON body is {"error": text}.
 Answer error_answer(int status, std::string_view text);
 
-// Writes all of text to fd, retrying short writes. False when the peer has gone.
-bool write_all(int fd, std::string_view text);
 // Writes a CGI answer (status and headers, then the body) to fd.
 bool write_answer(int fd, const Answer& answer);
 
@@ -213,5 +213,20 @@ int fan_out_events();
 // One run of the page program: the page, the login, the logout and the
 // password change, by the path it was called for.
 Answer serve_site();
+
+// One run of a request program (CommandRequest, ConfigRequest). A browser
+// that gives up does not end the exchange half-way: a reply left behind
+// would wait on the connector's queue for nobody, and what an apply did goes
+// to the audit trail all the same.
+template <typename Request>
+int serve_request() {
+    std::signal(SIGPIPE, SIG_IGN);
+    for (const int signo : {SIGTERM, SIGINT, SIGHUP}) std::signal(signo, SIG_IGN);
+    Request request;
+    write_answer(STDOUT_FILENO, request.serve());
+    close(STDOUT_FILENO);  // the web server can finish the response now
+    request.finish();
+    return 0;
+}
 
 }  // namespace tx::web

@@ -7,16 +7,13 @@ from __future__ import absolute_import, division, print_function
 __metaclass__ = type
 
 from ansible.module_utils.common.text.converters import to_text
-from ansible.plugins.action import ActionBase
 from ansible_collections.tx416.device.plugins.plugin_utils import device
+from ansible_collections.tx416.device.plugins.plugin_utils.action_base import DeviceAction
 
 ARGUMENT_SPEC = dict(commands=dict(type="list", elements="str", required=True))
 
 
-class ActionModule(ActionBase):
-    TRANSFERS_FILES = False
-    _supports_check_mode = True
-    _supports_async = False
+class ActionModule(DeviceAction):
 
     def run(self, tmp=None, task_vars=None):
         result = super(ActionModule, self).run(tmp, task_vars)

@@ -11,8 +11,8 @@ import tempfile
 
 from ansible.errors import AnsibleError
 from ansible.module_utils.common.text.converters import to_bytes, to_text
-from ansible.plugins.action import ActionBase
 from ansible_collections.tx416.device.plugins.plugin_utils import device
+from ansible_collections.tx416.device.plugins.plugin_utils.action_base import DeviceAction
 
 ARGUMENT_SPEC = dict(
     lines=dict(type="list", elements="str"),
@@ -23,10 +23,7 @@ ARGUMENT_SPEC = dict(
 )
 
 
-class ActionModule(ActionBase):
-    TRANSFERS_FILES = False
-    _supports_check_mode = True
-    _supports_async = False
+class ActionModule(DeviceAction):
 
     def run(self, tmp=None, task_vars=None):
         result = super(ActionModule, self).run(tmp, task_vars)

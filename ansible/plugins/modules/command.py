@@ -23,6 +23,8 @@ description:
   - For settings, M(tx416.device.config) sends only what differs.
 version_added: 1.0.0
 author: TX-416 console developers
+extends_documentation_fragment:
+  - tx416.device.device
 options:
   commands:
     description:
@@ -40,10 +42,6 @@ attributes:
   diff_mode:
     description: Not supported.
     support: none
-  platform:
-    description: Runs on the controller; reaches the device with the C(ssh) connection.
-    support: full
-    platforms: tx416
 seealso:
   - module: tx416.device.config
 """

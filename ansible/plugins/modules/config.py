@@ -24,6 +24,8 @@ description:
     root-only settings.
 version_added: 1.0.0
 author: TX-416 console developers
+extends_documentation_fragment:
+  - tx416.device.device
 options:
   lines:
     description:
@@ -75,10 +77,6 @@ attributes:
   diff_mode:
     description: Shows the configuration text before and after.
     support: full
-  platform:
-    description: Runs on the controller; reaches the device with the C(ssh) connection.
-    support: full
-    platforms: tx416
 seealso:
   - module: tx416.device.command
   - module: tx416.device.facts

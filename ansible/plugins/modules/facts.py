@@ -19,6 +19,8 @@ description:
     connection; the device needs no Python.
 version_added: 1.0.0
 author: TX-416 console developers
+extends_documentation_fragment:
+  - tx416.device.device
 options: {}
 attributes:
   check_mode:
@@ -30,10 +32,6 @@ attributes:
   facts:
     description: Sets facts under C(ansible_facts.tx416).
     support: full
-  platform:
-    description: Runs on the controller; reaches the device with the C(ssh) connection.
-    support: full
-    platforms: tx416
 seealso:
   - module: tx416.device.config
 """
