@@ -5,6 +5,8 @@
 // Every setting that the operator may both read and change (a "get NAME" and
 // a "set NAME" row) gets a line under its help topic: its current value, an
 // input and a Set button. The template's @NAV@ and @SETTINGS@ are replaced.
+#include <getopt.h>
+
 #include <deque>
 #include <fstream>
 #include <initializer_list>
@@ -133,18 +135,34 @@ void write_page(std::ostream& out, std::string page) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const std::vector<std::string_view> args(argv + 1, argv + argc);
-    if (args.size() != 4 || args[0] != "--template" || args[2] != "--output") {
+    constexpr option kOptions[] = {{"template", required_argument, nullptr, 't'},
+                                   {"output", required_argument, nullptr, 'o'},
+                                   {nullptr, 0, nullptr, 0}};
+    std::string template_path;
+    std::string output_path;
+    opterr = 0;  // the usage line says it all
+    for (int o; (o = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        if (o == 't') {
+            template_path = optarg;
+        } else if (o == 'o') {
+            output_path = optarg;
+        } else {
+            template_path.clear();
+            break;
+        }
+    }
+    if (template_path.empty() || output_path.empty() || optind != argc) {
         std::cerr << "usage: web-page --template FILE --output FILE\n";
         return 2;
     }
-    std::ifstream in(std::string(args[1]), std::ios::binary);
+    std::ifstream in(template_path, std::ios::binary);
     const std::string page{std::istreambuf_iterator<char>(in), {}};
-    std::ofstream out(std::string(args[3]), std::ios::binary | std::ios::trunc);
+    std::ofstream out(output_path, std::ios::binary | std::ios::trunc);
     write_page(out, page);
     out.close();
     if (!in.is_open() || page.empty() || !out) {
-        std::cerr << "web-page: cannot read " << args[1] << " or write " << args[3] << '\n';
+        std::cerr << "web-page: cannot read " << template_path << " or write " << output_path
+                  << '\n';
         return 1;
     }
     return 0;

@@ -13,6 +13,7 @@
 // when the file does not exist yet, and does nothing otherwise. The file is
 // written with mode 0600 and the owner of its directory (the web server's
 // user); passwords are kept only as SHA-512 crypt hashes.
+#include <getopt.h>
 #include <sys/stat.h>
 
 #include <iostream>
@@ -55,17 +56,22 @@ bool new_password(const std::string& name, bool from_stdin, std::string* passwor
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::vector<std::string> args(argv + 1, argv + argc);
+    constexpr option kOptions[] = {{"accounts", required_argument, nullptr, 'a'},
+                                   {"password-stdin", no_argument, nullptr, 'p'},
+                                   {nullptr, 0, nullptr, 0}};
     std::string path = Accounts::default_path();
-    if (args.size() >= 2 && args[0] == "--accounts") {
-        path = args[1];
-        args.erase(args.begin(), args.begin() + 2);
-    }
     bool from_stdin = false;
-    if (!args.empty() && args.back() == "--password-stdin") {
-        from_stdin = true;
-        args.pop_back();
+    opterr = 0;  // the usage lines say it all
+    for (int o; (o = getopt_long(argc, argv, "", kOptions, nullptr)) != -1;) {
+        if (o == 'a') {
+            path = optarg;
+        } else if (o == 'p') {
+            from_stdin = true;
+        } else {
+            return usage();
+        }
     }
+    const std::vector<std::string> args(argv + optind, argv + argc);
     if (args.empty()) return usage();
     const std::string& command = args[0];
 
