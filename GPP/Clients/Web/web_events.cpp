@@ -35,6 +35,15 @@ void on_stop(int) {
     stop_requested = 1;
 }
 
+// SIGTERM, SIGINT and SIGHUP end the program's loop (no SA_RESTART: a wait
+// in poll ends at once); a reader gone away is a failed write, not a signal.
+void stop_on_signals() {
+    struct sigaction action {};
+    action.sa_handler = on_stop;
+    for (const int signo : {SIGTERM, SIGINT, SIGHUP}) sigaction(signo, &action, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
 struct DirCloser {
     void operator()(DIR* dir) const noexcept { closedir(dir); }
 };
@@ -142,10 +151,7 @@ void relay_events(int stream_fd, int http_fd, int heartbeat_ms) {
 }
 
 int stream_events(int http_fd) {
-    struct sigaction action {};
-    action.sa_handler = on_stop;
-    for (const int signo : {SIGTERM, SIGINT, SIGHUP}) sigaction(signo, &action, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
+    stop_on_signals();
 
     const HttpRequest http = HttpRequest::from_environment();
     Caller caller;
@@ -172,7 +178,8 @@ int stream_events(int http_fd) {
 }
 
 int fan_out_events() {
-    std::signal(SIGPIPE, SIG_IGN);
+    // Stopped by a signal, it ends as a program does, between two records.
+    stop_on_signals();
     const std::optional<std::string> dir = runtime_subdir("streams");
     if (!dir) {
         std::fprintf(stderr,
@@ -183,7 +190,7 @@ int fan_out_events() {
     }
     int fd = -1;
     bool told = false;
-    for (;;) {
+    while (stop_requested == 0) {
         if (fd < 0 && (fd = open_inter_comm()) < 0) {
             if (!told) {
                 std::fprintf(stderr,
@@ -211,6 +218,8 @@ int fan_out_events() {
             pass_on(*dir, record);
         }
     }
+    if (fd >= 0) close(fd);
+    return 0;
 }
 
 }  // namespace tx::web
