@@ -156,6 +156,37 @@ bool parse_json(std::string_view& in, std::map<std::string, std::string>& out,
     return true;
 }
 
+TEST_F(Txconfig, command_lines) {
+    const std::string usage =
+        "usage: txconfig show [--json] [--with-secrets]\n"
+        "       txconfig diff [--with-secrets] FILE\n"
+        "       txconfig apply [--check] [--with-secrets] FILE\n"
+        "FILE - is standard input.\n";
+    for (tx::test::Row c : tx::test::read_table(TX_CASES_DIR "/cases.txt")) {
+        c.resize(8);
+        if (c[0] != "run") continue;
+        SCOPED_TRACE(c[1]);
+        std::vector<std::string> argv = tx::test::target(tx::test::bin(c[2]));
+        for (const std::string& word : tx::test::split(c[4], ' ')) argv.push_back(word);
+        Process p(argv, "/tmp/run", {"PLATFORM_CMDLINE=/tmp/cmdline"}, c[5] != "-",
+                  static_cast<uid_t>(std::stoul(c[3])));
+        p.write(c[5]);
+        p.close_input();
+        EXPECT_EQ(p.wait(), std::stoi(c[6]));
+        std::string prints = read_file("/tmp/run") + read_file("/tmp/run.err");
+        std::string expected = c[7];
+        if (const std::size_t at = expected.find("{usage}"); at != std::string::npos)
+            expected.replace(at, 7, usage);
+        if (expected.ends_with("...")) {
+            prints = prints.substr(0, expected.size() - 3) + "...";
+        } else if (expected.starts_with("...")) {
+            prints =
+                "..." + prints.substr(prints.size() - std::min(prints.size(), expected.size() - 3));
+        }
+        EXPECT_EQ(prints, expected);
+    }
+}
+
 TEST_F(Txconfig, round_trip) {
     start_stack();
     // Every setting at an unusual value, where the device takes it.
@@ -319,6 +350,56 @@ TEST_F(Txconfig, answers_matched_by_property) {
     EXPECT_EQ(diff.status, 1) << diff.err;
     EXPECT_EQ(diff.out, "set mute 1  # now 0\nset speaker-volume 12  # now 9\n");
     EXPECT_TRUE(wait_until([] { return read_file("/tmp/stand-in") == "READY\nSIGUSR2\n"; }));
+}
+
+// Whether a process has a handler of its own for signo.
+bool catches(pid_t pid, int signo) {
+    for (const std::string& line :
+         tx::test::split(read_file("/proc/" + std::to_string(pid) + "/status"), '\n')) {
+        if (line.starts_with("SigCgt:"))
+            return (std::stoull(line.substr(7), nullptr, 16) >> (signo - 1)) & 1;
+    }
+    return false;
+}
+
+TEST_F(Txconfig, device_keeps_its_value_turns_away_or_is_left) {
+    const std::string mute =
+        "<response><action property=\"audio.mute\">get</action><v>0</v></response>";
+    write_file("/tmp/mute.conf", "set mute 1\n");
+    auto stand_in = [](const std::vector<std::string>& replies) {
+        std::vector<std::string> argv = tx::test::target(STAND_IN);
+        argv.insert(argv.end(), replies.begin(), replies.end());
+        auto p = std::make_unique<Process>(argv, "/tmp/stand-in");
+        EXPECT_TRUE(wait_until([] { return read_file("/tmp/stand-in").find("READY") == 0; }));
+        return p;
+    };
+    {
+        // Every answer, the set's too, says mute is 0: the change does not take.
+        const auto device = stand_in({"audio.mute", mute});
+        const Outcome apply = txconfig({"apply", "/tmp/mute.conf"});
+        EXPECT_EQ(apply.status, 3);
+        EXPECT_EQ(apply.out, "mute 0 -> 1: not taken, reads back 0\n");
+        EXPECT_EQ(apply.err, "txconfig: 1 of 1 changes did not take effect\n");
+    }
+    {
+        const auto device =
+            stand_in({"audio.mute", "<response><action>terminate_client</action></response>"});
+        const Outcome diff = txconfig({"diff", "/tmp/mute.conf"});
+        EXPECT_EQ(diff.status, 2);
+        EXPECT_EQ(
+            diff.err,
+            "txconfig: reading the configuration: cliconn serves four clients already and turned "
+            "txconfig away\n");
+    }
+    // A device that never answers, and txconfig is told to stop.
+    const auto device = stand_in({});
+    std::vector<std::string> argv = tx::test::target(tx::test::bin("txconfig"));
+    argv.push_back("show");
+    Process show(argv, "/tmp/show", {"PLATFORM_CMDLINE=/tmp/cmdline"});
+    ASSERT_TRUE(wait_until([&] { return catches(show.pid(), SIGTERM); }));
+    show.signal(SIGTERM);
+    EXPECT_EQ(show.wait(), 2);
+    EXPECT_EQ(read_file("/tmp/show.err"), "txconfig: reading the configuration: terminated\n");
 }
 
 }  // namespace

@@ -1,15 +1,22 @@
 // txconfig's core without a device or with one that lives in the test: the
-// settings it covers, the lines it prints, the files it takes and what it
-// makes of the device's answers.
+// settings it covers, the lines it prints, the files it takes, what it
+// makes of the device's answers, and the loop that exchanges them over a
+// connector's queues (a queue of the test's own: runs inside tools/sandbox).
 #include <gtest/gtest.h>
+#include <sys/msg.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <map>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "config_client.hpp"
+#include "ipc_channel.hpp"
 #include "process.hpp"
+#include "queue_link.hpp"
+#include "support/queue.hpp"
 
 namespace {
 
@@ -19,7 +26,7 @@ using tx::grammar::Setting;
 std::vector<tx::test::Row> cases(std::string_view kind) {
     std::vector<tx::test::Row> rows;
     for (tx::test::Row row : tx::test::read_table(TX_CASES_DIR "/cases.txt")) {
-        row.resize(6);
+        row.resize(10);
         if (row[0] == kind) rows.push_back(row);
     }
     return rows;
@@ -139,6 +146,7 @@ TEST(Config, JsonIsUtf8WhateverTheDeviceHolds) {
         {"Room 2", "\"Room 2\""},
         {"a\"b", "\"a\\\"b\""},
         {"\x01", "\"\\x01\""},
+        {"a\nb\rc\td", "\"a\\nb\\rc\\td\""},
     };
     for (const auto& [text, expected] : shown) EXPECT_EQ(tx::config::shown(text), expected);
 }
@@ -207,6 +215,120 @@ TEST(Config, ChangesAreMadeAndReadBack) {
         "range\")\n"
         "systemname x -> \"A B\": not confirmed\npassword (secret) -> (secret): not confirmed\n");
     EXPECT_EQ(tx::config::last_taken(results, false), "speaker-volume 9 -> 12 (line 2)");
+    EXPECT_EQ(tx::config::last_taken({results.begin() + 1, results.end()}, false), "none");
+
+    // A device that stops answering while it is read.
+    device.answers_left = 3;
+    tx::config::Running running;
+    EXPECT_FALSE(root.read(device, false, running, error));
+    EXPECT_EQ(error, "cliconn has gone");
+    device.answers_left = 0;
+    EXPECT_FALSE(root.changes(device, assignments, changes, error));
+}
+
+// The device's side of a link in the test: the messages it puts on the
+// reply queue once a number of requests have gone out, and a send that fails.
+struct Script {
+    int queue = -1;
+    std::map<std::size_t, std::vector<std::string>> posts;
+    std::size_t sent = 0;
+    int send_error = 0;
+};
+Script script;
+
+// "P=V", "P#T=V1,V2": the response of a get; any other text is itself.
+std::string message_of(const std::string& text) {
+    const std::size_t equals = text.find('=');
+    if (text.starts_with('<') || equals == std::string::npos) return text;
+    const std::string key = text.substr(0, equals);
+    const std::size_t hash = key.find('#');
+    std::string xml = "<response><action property=\"" + key.substr(0, hash) + "\"";
+    if (hash != std::string::npos) xml += " target=\"" + key.substr(hash + 1) + "\"";
+    xml += ">get</action>";
+    for (const std::string& v : tx::test::split(text.substr(equals + 1), ','))
+        xml += "<v>" + v + "</v>";
+    return xml + "</response>";
+}
+
+int script_send(IpcChannel*, const char*, long type, int) {
+    if (script.send_error != 0) {
+        errno = std::exchange(script.send_error, 0);
+        return 0;
+    }
+    for (const std::string& text : script.posts[++script.sent])
+        EXPECT_TRUE(tx::test::send_text(script.queue, type, message_of(text)));
+    return 1;
+}
+
+class ScriptedLink final : public tx::config::QueueLink {
+  public:
+    ScriptedLink(IpcChannel* channel, std::size_t in_flight, std::string stop, std::string gone,
+                 std::chrono::seconds no_answer_limit = std::chrono::seconds(0))
+        : QueueLink(channel, 7, "the connector", in_flight, no_answer_limit),
+          stop_(std::move(stop)),
+          gone_(std::move(gone)) {}
+
+  private:
+    std::string interruption() const override { return stop_; }
+    std::string silence() const override { return gone_; }
+    std::string turned_away(std::string_view action) const override {
+        return action == "terminate_client" ? "turned away" : "";
+    }
+    std::string stop_;
+    std::string gone_;
+};
+
+TEST(QueueLink, AnswersMatchedToTheirRequests) {
+    ASSERT_EQ(getpid(), 1) << "runs only as the first process of tools/sandbox";
+    for (const tx::test::Row& c : cases("link")) {
+        SCOPED_TRACE(c[1]);
+        script = {msgget(IPC_PRIVATE, IPC_CREAT | 0600), {}, 0, 0};
+        for (std::string group : tx::test::split(c[4], '@')) {
+            while (group.ends_with(' ')) group.pop_back();
+            if (group.empty()) continue;
+            const std::size_t after = std::stoul(group);
+            script.posts[after] = tx::test::split(group.substr(group.find(' ') + 1), '|');
+        }
+        const std::string& setup = c[5];
+        if (setup == "full") script.send_error = EAGAIN;
+        if (setup == "broken") script.send_error = EIDRM;
+        IpcChannel channel{"",      "",          0,       0,       -1,      script.queue,
+                           nullptr, script_send, nullptr, nullptr, nullptr, nullptr};
+        if (setup == "removed") msgctl(script.queue, IPC_RMID, nullptr);
+        ScriptedLink link(&channel, std::stoul(c[2]), setup == "stopped" ? "stopped" : "",
+                          setup == "silent" ? "the connector has gone" : "",
+                          std::chrono::seconds(setup == "full" ? 1 : 0));
+        std::vector<tx::config::Request> requests;
+        for (const std::string& r : tx::test::split(c[3], ' ')) {
+            const std::size_t hash = r.find('#');
+            requests.push_back({r.substr(0, hash),
+                                hash == std::string::npos ? "" : r.substr(hash + 1), "<request/>"});
+        }
+        std::vector<std::string> answers;
+        for (const tx::config::Answer& a : link.exchange(requests))
+            answers.push_back(a.answered ? a.value : "?");
+        EXPECT_EQ(joined(answers), c[6]);
+        EXPECT_EQ(link.failure(), c[7]);
+        EXPECT_EQ(link.outstanding(), std::stoul(c[8]));
+        msgctl(script.queue, IPC_RMID, nullptr);
+    }
+}
+
+TEST(QueueLink, LateAnswersAreDrained) {
+    ASSERT_EQ(getpid(), 1) << "runs only as the first process of tools/sandbox";
+    script = {msgget(IPC_PRIVATE, IPC_CREAT | 0600), {{2, {"a=1"}}}, 0, 0};
+    IpcChannel channel{"",      "",          0,       0,       -1,      script.queue,
+                       nullptr, script_send, nullptr, nullptr, nullptr, nullptr};
+    ScriptedLink link(&channel, 2, "", "");
+    const std::vector<tx::config::Request> requests = {{"a", "", ""}, {"b", "", ""}};
+    link.exchange(requests);
+    ASSERT_EQ(link.outstanding(), 1U);
+    EXPECT_FALSE(link.drain(std::chrono::milliseconds(1)));
+    for (const std::string text : {"<notify event=\"b\"><v>1</v></notify>", "b=2"})
+        tx::test::send_text(script.queue, 7, message_of(text));
+    EXPECT_TRUE(link.drain(std::chrono::seconds(2)));
+    EXPECT_EQ(link.outstanding(), 0U);
+    msgctl(script.queue, IPC_RMID, nullptr);
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 // The pieces of the web programs that a wrong byte would break silently:
-// hashes, decoding, the accounts file and the slow-down; and an event
-// stream's relay, whose heartbeat comes too seldom to wait for end to end.
+// hashes, decoding, the accounts file and the slow-down, the checks of a
+// request's host and origin; an event stream's relay, whose heartbeat comes
+// too seldom to wait for end to end; and tx416-webuser's command lines
+// (WebUser: run inside tools/sandbox).
 #include "web_cgi.hpp"
 
 #include <fcntl.h>
@@ -9,10 +11,13 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdlib>
+#include <regex>
 #include <string>
 #include <thread>
 
 #include "cgi_connector.hpp"
+#include "process.hpp"
 
 namespace tx::web {
 namespace {
@@ -27,6 +32,34 @@ TEST(WebAuth, DigestsAndDecodings) {
     EXPECT_EQ(base64_decode("YW*="), std::nullopt);
     EXPECT_EQ(cookie_value("a=1; tx416_session=abc; b=2", "tx416_session"), "abc");
     EXPECT_EQ(cookie_value("xtx416_session=abc", "tx416_session"), std::nullopt);
+    EXPECT_EQ(cookie_value("tx416_sessionx=a;  tx416_session=b;tx416_session=c", "tx416_session"),
+              "b");
+    EXPECT_EQ(cookie_value("tx416_session; a=tx416_session=b", "tx416_session"), std::nullopt);
+    EXPECT_EQ(form_field("%63md=a+b%2B&cmd=c", "cmd"), "a b+");
+    EXPECT_EQ(form_field("x=%zz&cmd", "cmd"), "");
+    EXPECT_EQ(form_field("cmd=get%4", "cmd"), std::nullopt);
+    EXPECT_EQ(form_field("cmd=get%4g", "cmd"), std::nullopt);
+}
+
+// The device goes by the names configured and by the address the request
+// came in on; another site's page may lead a browser to it, but not act.
+TEST(WebAuth, HostAndOriginChecks) {
+    setenv("TX_WEB_HOSTS", "tx416.example  Device", 1);
+    for (tx::test::Row c : tx::test::read_table(TX_CASES_DIR "/check_cases.tsv")) {
+        c.resize(8);
+        HttpRequest request;
+        request.method = c[1];
+        request.host = c[2];
+        request.origin = c[3] == "-" ? "" : c[3];
+        request.sec_fetch_site = c[4] == "-" ? "" : c[4];
+        request.server_addr = c[5] == "-" ? "" : c[5];
+        std::optional<Answer> refused = check_host(request);
+        if (!refused) refused = check_origin(request);
+        EXPECT_EQ(refused ? std::to_string(refused->status) + " " + refused->body : "-",
+                  c[6] == "-" ? "-" : c[6] + " {\"error\": \"" + c[7] + "\"}")
+            << c[0];
+    }
+    unsetenv("TX_WEB_HOSTS");
 }
 
 TEST(WebAuth, AccountsKeepHashesOnlyAndOnlyForTheirOwner) {
@@ -81,6 +114,83 @@ TEST(WebEvents, RecordsGoOutAsEventsAndAQuietStreamBeats) {
     }
     close(stream);
     close(http[0]);
+}
+
+// The accounts in a file as "name:role ..."; every hash a SHA-512 crypt.
+std::string accounts_in(const std::string& path) {
+    Accounts accounts;
+    std::string error;
+    if (!accounts.load(path, &error)) return "-";
+    std::string out;
+    for (const Account& a : accounts.all()) {
+        out += (out.empty() ? "" : " ") + a.name + ":" + std::string(role_name(a.role));
+        if (!a.hash.starts_with("$6$")) out += "(" + a.hash + ")";
+    }
+    return out;
+}
+
+TEST(WebUser, CommandLinesAndWhatTheFileHolds) {
+    ASSERT_EQ(getpid(), 1) << "runs only as the first process of tools/sandbox";
+    const std::string file = "/tmp/web/accounts";
+    mkdir("/tmp/web", 0700);
+    const std::string usage =
+        "usage: tx416-webuser [--accounts FILE] init | add NAME ROLE [--password-stdin] |\n"
+        "       passwd NAME [--password-stdin] | role NAME ROLE | remove NAME | list\n"
+        "ROLE: admin, operator or viewer\n";
+    for (const tx::test::Row& raw : tx::test::read_table(TX_CASES_DIR "/webuser_cases.tsv", true)) {
+        tx::test::Row c(7);
+        std::transform(raw.begin(), raw.end(), c.begin(), tx::test::unescape);
+        SCOPED_TRACE(c[0]);
+        if (c[3] == "-") {
+            unlink(file.c_str());
+        } else if (c[3] != "=") {
+            const int fd = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            ASSERT_TRUE(write_all(fd, c[3]));
+            close(fd);
+        }
+        const std::string before = tx::test::read_file(file);
+        std::vector<std::string> argv = tx::test::target(tx::test::bin("tx416-webuser"));
+        for (const std::string& word : tx::test::split(raw[1], ' ')) {
+            argv.push_back(tx::test::unescape(word));
+        }
+        tx::test::Process run(argv, "/tmp/webuser", {"TX_WEB_ACCOUNTS=" + file}, c[2] != "-");
+        run.write(c[2]);
+        run.close_input();
+        EXPECT_EQ(run.wait(), std::stoi(c[4]));
+        const std::string prints = run.output() + tx::test::read_file("/tmp/webuser.err");
+        std::string expected = std::regex_replace(c[5], std::regex("FILE"), file);
+        expected = std::regex_replace(expected, std::regex("\\{usage\\}"), usage);
+        // The password it takes: from standard input, or the one it prints.
+        std::string password = c[2].substr(0, c[2].find_first_of("\r\n"));
+        if (const std::size_t at = expected.find("PASSWORD"); at != std::string::npos) {
+            password = prints.size() < at ? "" : prints.substr(at, 16);
+            EXPECT_TRUE(std::regex_match(password, std::regex("[0-9A-Za-z]{16}"))) << password;
+            expected.replace(at, 8, password);
+        }
+        const bool begins = expected.ends_with("...");
+        EXPECT_EQ(begins ? prints.substr(0, expected.size() - 3) + "..." : prints, expected);
+        if (c[4] != "0") {
+            EXPECT_EQ(tx::test::read_file(file), before);
+            continue;
+        }
+        EXPECT_EQ(accounts_in(file), c[6]);
+        struct stat st {};
+        EXPECT_TRUE(stat(file.c_str(), &st) != 0 || (st.st_mode & 0777) == 0600);
+        // The password it took or made is the one its account now holds.
+        const std::vector<std::string> words = tx::test::split(raw[1], ' ');
+        const std::string command = words.empty() ? "" : words[0];
+        if (command != "init" && command != "add" && command != "passwd") continue;
+        Accounts accounts;
+        std::string error;
+        ASSERT_TRUE(accounts.load(file, &error)) << error;
+        const Account* account = accounts.find(command == "init" ? "admin" : words[1]);
+        ASSERT_NE(account, nullptr);
+        if (command == "init" && !before.empty()) {
+            EXPECT_EQ(tx::test::read_file(file), before);
+        } else {
+            EXPECT_TRUE(password_matches(password, account->hash));
+        }
+    }
 }
 
 }  // namespace

@@ -35,9 +35,10 @@ def as_user(user):
 def basic(user):
     return 'Basic ' + base64.b64encode(f'{user}:{PASSWORDS[user]}'.encode()).decode()
 
-def request(method, path, body=None, user='admin', headers=()):
-    """One HTTPS request: (status, headers, body as JSON where it is JSON)."""
-    connection = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10)
+def request(method, path, body=None, user='admin', headers=(), source=None):
+    """One HTTPS request (from the address source): (status, headers, body as JSON where it is JSON)."""
+    connection = http.client.HTTPSConnection('127.0.0.1', PORT, context=TLS, timeout=10,
+                                             source_address=(source, 0) if source else None)
     head = {'Host': f'127.0.0.1:{PORT}'}
     if body is not None:
         head['Content-Type'] = 'application/x-www-form-urlencoded'
@@ -330,18 +331,30 @@ class HttpTest(unittest.TestCase):
         with open(os.path.join(os.path.dirname(__file__), 'widgets.tsv')) as widgets:
             self.assertEqual(rows, [l.split() for l in widgets if not l.startswith('#')])
 
-    def test_answers_of_the_command_program(self):
-        with open(os.path.join(os.path.dirname(__file__), 'http_cases.tsv')) as cases:
+    def test_answers_of_each_program(self):
+        here = os.path.dirname(__file__)
+        with open(os.path.join(here, 'http_cases.tsv')) as cases:
             for line in (l.rstrip('\n') for l in cases if not l.startswith('#')):
                 name, user, method, headers, form, status, answer = line.split('\t')
+                method, _, path = method.partition(' ')
                 form = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), form)
                 answer = re.sub(r'\{(\d+)a\}', lambda m: 'a' * int(m.group(1)), answer)
+                if answer.startswith('@'):
+                    with open(os.path.join(here, 'data', answer[1:])) as data:
+                        answer = data.read()
                 extra = dict(h.split(': ', 1) for h in headers.split(';') if h != '-')
-                path = '/cgi-bin/command' + (f'?{form}' if method != 'POST' else '')
+                path = (path or '/cgi-bin/command') + (f'?{form}' if method != 'POST' and form != '-' else '')
                 with self.subTest(name):
                     got = request(method, path, form if method == 'POST' else None,
                                   user if user != '-' else None, extra)
-                    self.assertEqual((got[0], got[2]), (int(status), json.loads(answer)))
+                    if answer.startswith('{'):
+                        got = (got[0], got[2])
+                        expected = json.loads(answer)
+                    elif int(status) == 303:
+                        got, expected = (got[0], got[1]['Location']), answer
+                    else:
+                        got, expected = (got[0], answer in got[2].decode()), True
+                    self.assertEqual(got, (int(status), expected))
         self.assertTrue(any('"set systemname caf\u00e9" -> "val systemname caf\u00e9"' in l
                             and 'operator from 127.0.0.1' in l for l in audit_lines()))
 
@@ -385,6 +398,10 @@ class HttpTest(unittest.TestCase):
         self.assertEqual(command('get mute', user='viewer')[0], 401)
         self.assertEqual(command('get mute')[0], 429)
         self.assertTrue(any('failed login as "viewer" from 127.0.0.1' in l for l in audit_lines()))
+        # The slow-down is per address: from another one, the form tells a wrong password.
+        status, _, page = request('POST', '/cgi-bin/login', 'user=nobody&password=x', None, source='127.0.0.2')
+        self.assertEqual((status, 'Wrong name or password.' in page.decode()), (401, True))
+        self.assertTrue(any('failed login as "nobody" from 127.0.0.2' in l for l in audit_lines()))
         PASSWORDS['viewer'] = 'another-secret'
         self.assertTrue(until(lambda: command('get mute', user='viewer')[0] == 200, 3))
 

@@ -86,7 +86,11 @@ int parse_options(int argc, char** argv, Options& options) {
                 std::fputs(kUsage, stdout);
                 return -1;
             default:
-                return usage_error(std::string("unknown option ") + argv[optind - 1]);
+                // A short option may share its word with others ("-xy"):
+                // getopt names it in optopt, and the word may still be ahead.
+                return usage_error("unknown option " +
+                                   (optopt > kHelp ? std::string("-") + static_cast<char>(optopt)
+                                                   : std::string(argv[optind - 1])));
         }
     }
     const std::vector<std::string> words(argv + optind, argv + argc);

@@ -8,6 +8,8 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
@@ -141,10 +143,20 @@ std::string header_line(std::string_view name, std::string_view value) {
     return std::string(name) + ": " + std::string(value) + "\r\n";
 }
 
-// The host part of a Host header: "name", "1.2.3.4", "[::1]" less the port.
+// The host part of a Host header: "name", "1.2.3.4", "[::1]" less the port;
+// empty when there is none ("[::1" has none).
 std::string_view host_name(std::string_view host) {
-    if (host.starts_with('[')) return host.substr(1, host.find(']') - 1);
-    return host.substr(0, host.find(':'));
+    if (!host.starts_with('[')) return host.substr(0, host.find(':'));
+    const std::size_t close = host.find(']');
+    return close == std::string_view::npos ? std::string_view() : host.substr(1, close - 1);
+}
+
+// Host names are the same in any case.
+bool same_host(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+               return std::tolower(static_cast<unsigned char>(x)) ==
+                      std::tolower(static_cast<unsigned char>(y));
+           });
 }
 
 void on_alarm(int) {}
@@ -210,12 +222,12 @@ HttpRequest HttpRequest::from_environment() {
 
 std::optional<Answer> check_host(const HttpRequest& request) {
     const std::string_view name = host_name(request.host);
-    if (!name.empty() && name == request.server_addr) return std::nullopt;
+    if (!name.empty() && same_host(name, request.server_addr)) return std::nullopt;
     std::string_view names = env("TX_WEB_HOSTS");
     while (!names.empty() && !name.empty()) {
         const std::string_view configured = names.substr(0, names.find(' '));
         names.remove_prefix(std::min(names.size(), configured.size() + 1));
-        if (configured == name) return std::nullopt;
+        if (same_host(configured, name)) return std::nullopt;
     }
     return error_answer(421, "this device does not serve the host name " + request.host);
 }

@@ -95,7 +95,7 @@ struct Caller {
 };
 
 // 421 unless Host names this device: a configured name (TX_WEB_HOSTS) or
-// the address the request came in on.
+// the address the request came in on, in any case of letters.
 std::optional<Answer> check_host(const HttpRequest& request);
 // 403 when Origin, or for anything but a GET Sec-Fetch-Site, tells of
 // another site.

@@ -17,6 +17,7 @@
 #include <sys/stat.h>
 
 #include <iostream>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -72,8 +73,15 @@ int main(int argc, char** argv) {
         }
     }
     const std::vector<std::string> args(argv + optind, argv + argc);
-    if (args.empty()) return usage();
-    const std::string& command = args[0];
+    // The whole command line is checked before the file is looked at: a
+    // mistyped command or role is a usage error, whatever the file holds.
+    const std::string command = args.empty() ? "" : args[0];
+    const std::optional<tx::web::Role> role =
+        args.size() == 3 ? tx::web::role_from_name(args[2]) : std::nullopt;
+    const bool well_formed = ((command == "init" || command == "list") && args.size() == 1) ||
+                             ((command == "passwd" || command == "remove") && args.size() == 2) ||
+                             ((command == "add" || command == "role") && role);
+    if (!well_formed) return usage();
 
     const tx::web::AccountsLock lock(path);
     if (!lock.held()) return fail("cannot lock the directory of " + path);
@@ -90,42 +98,30 @@ int main(int argc, char** argv) {
         return accounts.save(path, &error) ? 0 : fail(error);
     }
     if (!accounts.load(path, &error)) return fail(error);
-    if (command == "list" && args.size() == 1) {
+    if (command == "list") {
         for (const Account& account : accounts.all())
             std::cout << account.name << ' ' << tx::web::role_name(account.role) << '\n';
         return 0;
     }
-    if (args.size() < 2) return usage();
     const std::string& name = args[1];
     const Account* existing = accounts.find(name);
-    tx::web::Role role = tx::web::Role::viewer;
-    bool role_given = false;
-    if (args.size() == 3) {
-        if (const std::optional<tx::web::Role> named = tx::web::role_from_name(args[2])) {
-            role = *named;
-            role_given = true;
-        }
-    }
-    if (command == "add" && args.size() == 3) {
+    if (command == "add") {
         if (!tx::web::valid_account_name(name))
             return fail("a name is a lower-case letter and up to 31 of a-z 0-9 _ . -");
         if (existing != nullptr) return fail(name + " exists");
-        if (!role_given) return usage();
         std::string password;
         if (!new_password(name, from_stdin, &password)) return fail("no usable password");
-        accounts.put({name, role, tx::web::hash_password(password)});
+        accounts.put({name, *role, tx::web::hash_password(password)});
     } else if (existing == nullptr) {
         return fail("no account " + name);
-    } else if (command == "passwd" && args.size() == 2) {
+    } else if (command == "passwd") {
         std::string password;
         if (!new_password(name, from_stdin, &password)) return fail("no usable password");
         accounts.put({name, existing->role, tx::web::hash_password(password)});
-    } else if (command == "role" && role_given) {
-        accounts.put({name, role, existing->hash});
-    } else if (command == "remove" && args.size() == 2) {
-        accounts.remove(name);
+    } else if (command == "role") {
+        accounts.put({name, *role, existing->hash});
     } else {
-        return usage();
+        accounts.remove(name);
     }
     for (const Account& account : accounts.all()) {
         if (account.hash.empty()) return fail("no random numbers for the salt");
