@@ -76,11 +76,17 @@ int main(int argc, char** argv) {
     // The whole command line is checked before the file is looked at: a
     // mistyped command or role is a usage error, whatever the file holds.
     const std::string command = args.empty() ? "" : args[0];
-    const std::optional<tx::web::Role> role =
-        args.size() == 3 ? tx::web::role_from_name(args[2]) : std::nullopt;
+    tx::web::Role role = tx::web::Role::viewer;
+    bool role_named = false;
+    if (args.size() == 3) {
+        if (const std::optional<tx::web::Role> named = tx::web::role_from_name(args[2])) {
+            role = *named;
+            role_named = true;
+        }
+    }
     const bool well_formed = ((command == "init" || command == "list") && args.size() == 1) ||
                              ((command == "passwd" || command == "remove") && args.size() == 2) ||
-                             ((command == "add" || command == "role") && role);
+                             ((command == "add" || command == "role") && role_named);
     if (!well_formed) return usage();
 
     const tx::web::AccountsLock lock(path);
@@ -111,7 +117,7 @@ int main(int argc, char** argv) {
         if (existing != nullptr) return fail(name + " exists");
         std::string password;
         if (!new_password(name, from_stdin, &password)) return fail("no usable password");
-        accounts.put({name, *role, tx::web::hash_password(password)});
+        accounts.put({name, role, tx::web::hash_password(password)});
     } else if (existing == nullptr) {
         return fail("no account " + name);
     } else if (command == "passwd") {
@@ -119,7 +125,7 @@ int main(int argc, char** argv) {
         if (!new_password(name, from_stdin, &password)) return fail("no usable password");
         accounts.put({name, existing->role, tx::web::hash_password(password)});
     } else if (command == "role") {
-        accounts.put({name, *role, existing->hash});
+        accounts.put({name, role, existing->hash});
     } else {
         accounts.remove(name);
     }
