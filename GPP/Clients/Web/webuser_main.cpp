@@ -16,6 +16,7 @@
 #include <getopt.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <iostream>
 #include <optional>
 #include <string>
@@ -52,6 +53,12 @@ bool new_password(const std::string& name, bool from_stdin, std::string* passwor
     if (password->empty()) return false;
     std::cout << name << " password: " << *password << std::endl;
     return true;
+}
+
+bool has_admin(const Accounts& accounts) {
+    const auto& all = accounts.all();
+    return std::any_of(all.begin(), all.end(),
+                       [](const Account& a) { return a.role == tx::web::Role::admin; });
 }
 
 }  // namespace
@@ -111,6 +118,7 @@ int main(int argc, char** argv) {
     }
     const std::string& name = args[1];
     const Account* existing = accounts.find(name);
+    const bool had_admin = has_admin(accounts);
     if (command == "add") {
         if (!tx::web::valid_account_name(name))
             return fail("a name is a lower-case letter and up to 31 of a-z 0-9 _ . -");
@@ -129,6 +137,9 @@ int main(int argc, char** argv) {
     } else {
         accounts.remove(name);
     }
+    // Without an admin no one could manage the device's configuration from
+    // the page any more.
+    if (had_admin && !has_admin(accounts)) return fail("the last admin account stays an admin");
     for (const Account& account : accounts.all()) {
         if (account.hash.empty()) return fail("no random numbers for the salt");
     }
