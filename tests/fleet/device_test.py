@@ -8,10 +8,10 @@ import tempfile
 import unittest
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-SPEC = importlib.util.spec_from_file_location(
+SOURCE = importlib.util.spec_from_file_location(
     "device", os.path.join(HERE, "../../ansible/plugins/plugin_utils/device.py"))
-device = importlib.util.module_from_spec(SPEC)
-SPEC.loader.exec_module(device)
+device = importlib.util.module_from_spec(SOURCE)
+SOURCE.loader.exec_module(device)
 
 
 def field(text):
