@@ -391,7 +391,11 @@ TEST_F(Txconfig, device_keeps_its_value_turns_away_or_is_left) {
             "txconfig: reading the configuration: cliconn serves four clients already and turned "
             "txconfig away\n");
     }
-    // A device that never answers, and txconfig is told to stop.
+    // A device that never answers, and txconfig is told to stop. Under an
+    // emulator the process's caught signals are the emulator's own from its
+    // start, so there is no telling when txconfig has taken SIGTERM over.
+    const char* emulator = std::getenv("TX_EMULATOR");
+    if (emulator != nullptr && emulator[0] != '\0') return;
     const auto device = stand_in({});
     std::vector<std::string> argv = tx::test::target(tx::test::bin("txconfig"));
     argv.push_back("show");
